@@ -1,0 +1,40 @@
+# One interface target carries the language level, the warnings and the hardening of every target here. It is
+# linked as $<BUILD_INTERFACE:velm_flags>, so nothing of it reaches users of the installed libraries.
+
+find_package(Threads REQUIRED)
+find_program(VELM_CCACHE ccache)
+if(VELM_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${VELM_CCACHE}")
+endif()
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+add_library(velm_flags INTERFACE)
+target_compile_features(velm_flags INTERFACE cxx_std_17)
+target_include_directories(velm_flags INTERFACE "${PROJECT_SOURCE_DIR}/src")
+target_link_libraries(velm_flags INTERFACE Threads::Threads)
+target_compile_options(velm_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual
+    -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef -Wvla
+    $<$<BOOL:${VELM_WERROR}>:-Werror>
+    -fstack-protector-strong)
+
+if(VELM_SANITIZE)
+    target_compile_options(velm_flags INTERFACE -fsanitize=${VELM_SANITIZE} -fno-omit-frame-pointer
+        -fno-sanitize-recover=all)
+    target_link_options(velm_flags INTERFACE -fsanitize=${VELM_SANITIZE})
+else()
+    # FORTIFY needs optimisation and hides errors from the sanitizers.
+    target_compile_options(velm_flags INTERFACE
+        $<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE> $<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
+endif()
+
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+    include(CheckPIESupported)
+    check_pie_supported(LANGUAGES CXX)
+    target_compile_options(velm_flags INTERFACE -fstack-clash-protection)
+    target_link_options(velm_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--as-needed)
+endif()

@@ -1,0 +1,10 @@
+#pragma once
+
+namespace platform {
+
+/// Puts in place what the process must have before its first thread starts: a closed standard output costs the
+/// lines written to it, not the process; and on Linux the signals that end the process wait for the main run loop,
+/// and local time follows the machine's zone. Call once, first thing in `main`.
+void prepareProcess() noexcept;
+
+}  // namespace platform
