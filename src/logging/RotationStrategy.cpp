@@ -1,0 +1,119 @@
+#include "logging/RotationStrategy.h"
+
+#include <algorithm>
+#include <fstream>
+#include <utility>
+
+namespace Logging {
+
+namespace {
+
+bool canBeRead(const std::string& path) {
+    std::ifstream file(path);
+    file.close();
+    return file.good();
+}
+
+void createEmpty(const std::string& path) {
+    std::ofstream file;
+    file.exceptions(std::ios_base::failbit);
+    file.open(path, std::ios_base::out | std::ios_base::app);
+    file.close();
+}
+
+// Copies and empties rather than renames: the destination has the live file open and carries on in it. No
+// failure is looked at; the log must not stop for a backup.
+void moveLines(const std::string& from, const std::string& to) {
+    std::ifstream source(from);
+    std::ofstream target(to);
+    for (std::string line; std::getline(source, line);) {
+        target << line << '\n';
+    }
+    std::ofstream(from).close();
+}
+
+}  // namespace
+
+void NullRotationStrategy::setInitialInfo(const std::string& /*path*/) {}
+void NullRotationStrategy::includeMessageInCalculation(const std::string& /*message*/) {}
+bool NullRotationStrategy::shouldRotate() {
+    return false;
+}
+void NullRotationStrategy::rotate() {}
+void NullRotationStrategy::setFileName(std::string name) {
+    m_fileName = std::move(name);
+}
+std::string NullRotationStrategy::getPathName() {
+    return {};
+}
+int NullRotationStrategy::getBackupCount() {
+    return 0;
+}
+
+const int SizeRotationStrategy::m_maxBackupCount = 10;
+
+void SizeRotationStrategy::setInitialInfo(const std::string& path) {
+    std::ifstream file(path);
+    file.seekg(0, std::ios_base::end);
+    // An unreadable file reports -1, which the count takes over as it is.
+    m_currentSize = static_cast<std::uint64_t>(std::streamoff{file.tellg()});
+}
+
+void SizeRotationStrategy::includeMessageInCalculation(const std::string& message) {
+    m_currentSize += message.size();
+}
+
+bool SizeRotationStrategy::shouldRotate() {
+    return m_currentSize > m_maxSize;
+}
+
+void SizeRotationStrategy::rotate() {
+    for (int number = prepareBackups(); number >= 1; --number) {
+        moveLines(backupName(number), backupName(number + 1));
+    }
+    moveLines(m_fileName, backupName(1));
+}
+
+void SizeRotationStrategy::setFileName(std::string name) {
+    m_fileName = std::move(name);
+}
+
+std::string SizeRotationStrategy::getPathName() {
+    return m_fileName;
+}
+
+int SizeRotationStrategy::getBackupCount() {
+    return m_backupCount;
+}
+
+void SizeRotationStrategy::setMaximumSizeInBytes(unsigned long long bytes) {
+    m_maxSize = bytes;
+}
+
+void SizeRotationStrategy::setBackupCount(int count) {
+    m_backupCount = std::min(count, m_maxBackupCount);
+}
+
+int SizeRotationStrategy::getMaxBackupCount() {
+    return m_maxBackupCount;
+}
+
+std::string SizeRotationStrategy::backupName(int number) const {
+    return m_fileName + std::to_string(number);
+}
+
+// Creates the first missing backup, so that an unwritable directory shows before any file is changed, and
+// returns how many backups are to be shifted.
+int SizeRotationStrategy::prepareBackups() const {
+    int toShift = 0;
+    for (int number = 1; number <= m_backupCount; ++number) {
+        if (!canBeRead(backupName(number))) {
+            createEmpty(backupName(number));
+            break;
+        }
+        toShift = std::min(number, m_backupCount - 1);
+    }
+    return toShift;
+}
+
+}  // namespace Logging
