@@ -1,0 +1,92 @@
+#include "logging/DateTime.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "LogTestSupport.h"
+#include "logging/Log.h"
+
+namespace {
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+// The time zone of this process alone.
+class TimeZone {
+public:
+    explicit TimeZone(const char* zone) {
+        if (const char* previous = std::getenv("TZ")) {
+            m_previous = previous;
+        }
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ~TimeZone() {
+        if (m_previous) {
+            setenv("TZ", m_previous->c_str(), 1);
+        } else {
+            unsetenv("TZ");
+        }
+        tzset();
+    }
+    TimeZone(const TimeZone&) = delete;
+    TimeZone& operator=(const TimeZone&) = delete;
+    TimeZone(TimeZone&&) = delete;
+    TimeZone& operator=(TimeZone&&) = delete;
+
+private:
+    std::optional<std::string> m_previous;
+};
+
+// 2026-11-16 05:28:20 UTC.
+const auto someSecond = std::chrono::system_clock::from_time_t(1794806900);
+
+TEST(DateTime, HasAColonBeforeTheMilliseconds) {
+    const TimeZone zone("UTC0");
+    EXPECT_EQ(Logging::formatDateTime(someSecond + milliseconds(123)), "2026/11/16 05:28:20:123");
+}
+
+TEST(DateTime, PadsTheMillisecondsWithZeros) {
+    const TimeZone zone("UTC0");
+    EXPECT_EQ(Logging::formatDateTime(someSecond), "2026/11/16 05:28:20:000");
+    EXPECT_EQ(Logging::formatDateTime(someSecond + milliseconds(5)), "2026/11/16 05:28:20:005");
+    EXPECT_EQ(Logging::formatDateTime(someSecond + milliseconds(50)), "2026/11/16 05:28:20:050");
+    EXPECT_EQ(Logging::formatDateTime(someSecond + milliseconds(999)), "2026/11/16 05:28:20:999");
+}
+
+TEST(DateTime, TruncatesToMilliseconds) {
+    const TimeZone zone("UTC0");
+    EXPECT_EQ(Logging::formatDateTime(someSecond + microseconds(7999)), "2026/11/16 05:28:20:007");
+    EXPECT_EQ(Logging::formatDateTime(someSecond + microseconds(999999)), "2026/11/16 05:28:20:999");
+}
+
+TEST(DateTime, PadsEveryOtherFieldToo) {
+    const TimeZone zone("UTC0");
+    EXPECT_EQ(Logging::formatDateTime(std::chrono::system_clock::from_time_t(0)), "1970/01/01 00:00:00:000");
+}
+
+TEST(DateTime, IsLocalTime) {
+    const TimeZone zone("ABC-2");
+    EXPECT_EQ(Logging::formatDateTime(someSecond), "2026/11/16 07:28:20:000");
+}
+
+TEST(DateTime, UsesTwentyFourHours) {
+    const TimeZone zone("ABC-12");
+    EXPECT_EQ(Logging::formatDateTime(someSecond), "2026/11/16 17:28:20:000");
+}
+
+TEST(DateTime, ReadsTheSystemClock) {
+    const std::string before = Logging::formatDateTime(std::chrono::system_clock::now());
+    const std::string now = now_date_time();
+    const std::string after = Logging::formatDateTime(std::chrono::system_clock::now());
+    EXPECT_EQ(now.size(), 23U);
+    EXPECT_LE(before, now);
+    EXPECT_LE(now, after);
+}
+
+}  // namespace
