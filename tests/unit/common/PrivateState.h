@@ -2,6 +2,7 @@
 
 #include "common/BaseTimerImpl.h"
 #include "common/Semaphore.h"
+#include "common/SingleShotTimerImpl.h"
 
 // Access to private state, for tests that must know that a task is in its wait, hold it outside, or look at
 // what is queued. The arguments of an explicit instantiation are exempt from access control, so the public
@@ -18,6 +19,11 @@ struct BaseTimerTag {
     friend constexpr auto memberOf(BaseTimerTag);
 };
 template struct Expose<BaseTimerTag, &cmn::BaseTimer::m_impl>;
+
+struct SingleShotTimerTag {
+    friend constexpr auto memberOf(SingleShotTimerTag);
+};
+template struct Expose<SingleShotTimerTag, &cmn::SingleShotTimer::m_impl>;
 
 struct SemaphoreMutexTag {
     friend constexpr auto memberOf(SemaphoreMutexTag);
