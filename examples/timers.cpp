@@ -1,0 +1,55 @@
+// A periodic timer and one-shot callbacks. Each callback runs on its timer's thread; the main thread waits
+// for them.
+
+#include <common/BaseTimer.h>
+#include <common/Semaphore.h>
+#include <common/SingleShotTimer.h>
+
+#include <chrono>
+#include <iostream>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+void periodic() {
+    cmn::Semaphore done;
+    int ticks = 0;
+    cmn::BaseTimer timer(100ms, {}, false);
+    timer.setCallback([&] {
+        std::cout << "tick " << ++ticks << '\n';
+        if (ticks == 3) {
+            timer.stop();  // in the callback: no further one begins
+            done.notify();
+        }
+    });
+    timer.run();
+    done.wait();
+    std::cout << "the periodic timer is " << (timer.active() ? "still active" : "stopped") << '\n';
+}
+
+void oneShot() {
+    cmn::Semaphore done;
+    cmn::SingleShotTimer timer;
+    timer.run(1s, [&] {
+        std::cout << "after 1 s\n";
+        done.notify();
+    });
+    timer.run(50ms, [&] {
+        std::cout << "after 50 ms\n";
+        timer.run(50ms, [] { std::cout << "50 ms after that\n"; });
+    });
+    const auto unwanted = timer.run(500ms, [] { std::cout << "this was cancelled\n"; });
+    timer.stop(unwanted);
+    timer.run(1h, [] { std::cout << "the timer is gone before this is due\n"; });
+    done.wait();
+}
+
+}  // namespace
+
+int main() {
+    periodic();
+    oneShot();
+    std::cout << "done\n";
+    return 0;
+}
