@@ -1,0 +1,34 @@
+#include "velmmonitord/TimeZoneChangeMonitor.h"
+
+#include "velmmonitord/LogLine.h"
+
+TimeZoneChangeMonitor::TimeZoneChangeMonitor()
+    : m_signal(std::make_unique<boost::signals2::signal<void()>>()) {}
+
+TimeZoneChangeMonitor::~TimeZoneChangeMonitor() {
+    CFNotificationCenterRemoveObserver(CFNotificationCenterGetLocalCenter(), this,
+                                       kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr);
+}
+
+void TimeZoneChangeMonitor::init() {
+    logLine(Logging::Level::Trace, "Time zone change monitor is running");
+    registerObservers();
+}
+
+void TimeZoneChangeMonitor::registerObservers() {
+    CFNotificationCenterAddObserver(CFNotificationCenterGetLocalCenter(), this,
+                                    &TimeZoneChangeMonitor::onTimezoneChanged,
+                                    kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr,
+                                    CFNotificationSuspensionBehaviorDeliverImmediately);
+}
+
+void TimeZoneChangeMonitor::subscribeOnTimeZoneChange(Slot&& slot) {
+    m_signal->connect(slot);
+}
+
+void TimeZoneChangeMonitor::onTimezoneChanged(CFNotificationCenterRef /*center*/, void* observer,
+                                              CFNotificationName /*name*/, const void* /*object*/,
+                                              CFDictionaryRef /*userInfo*/) {
+    logLine(Logging::Level::Trace, "Timezone changed notification came");
+    (*static_cast<TimeZoneChangeMonitor*>(observer)->m_signal)();
+}
