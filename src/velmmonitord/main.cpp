@@ -1,0 +1,5 @@
+#include "velmmonitord/Agent.h"
+
+int main() {
+    return runAgent();
+}
