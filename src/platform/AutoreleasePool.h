@@ -12,7 +12,7 @@ public:
     AutoreleasePool& operator=(const AutoreleasePool&) = delete;
 
 private:
-    void* m_token;
+    void* m_token = nullptr;
 };
 
 }  // namespace platform
