@@ -1,0 +1,23 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+/// How a child process ended, and what it wrote to its standard error.
+struct ChildResult {
+    /// As waitpid(2) gives it.
+    int status = 0;
+    std::string errorOutput;
+
+    /// Whether the child ended by returning `code`.
+    bool returned(int code) const;
+    /// Whether the child was ended by `signal`.
+    bool killedBy(int signal) const;
+};
+
+/// Runs `body` in a fork of this process and waits for its end; for what changes a process for good. `body`'s
+/// result is the exit code. A child that takes longer than 30 s is killed by SIGALRM. Failed EXPECTs do not
+/// reach the parent: the body reports by its result.
+ChildResult runInChild(const std::function<int()>& body);
