@@ -14,8 +14,8 @@ import macho
 # The one optional method that the agent leaves out; the connection then refuses the call.
 NOT_IMPLEMENTED = {"rmmMessage:"}
 
-# The exported objects, and the protocol that each implements.
-CLASSES = {"VelmXpcExportedObject": "XpcAgentProtocol"}
+# The exported objects of the agent and the stand-in, and the protocol that each implements.
+CLASSES = {"VelmXpcExportedObject": "XpcAgentProtocol", "VelmSimExportedObject": "XpcDaemonProtocol"}
 
 # The C functions and constants of the frameworks, as symbols.
 FRAMEWORK_SYMBOL = re.compile(r"^_((?:NS|CF|kCF)[A-Z]\w*)$")
