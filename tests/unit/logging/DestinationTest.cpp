@@ -10,6 +10,7 @@
 
 #include "LogTestSupport.h"
 #include "logging/Log.h"
+#include "unit/common/VtableSlot.h"
 
 namespace {
 
@@ -79,6 +80,10 @@ void recordingFunction(const std::string& line) {
 
 void throwingFunction(const std::string& /*line*/) {
     throw std::runtime_error("from the function");
+}
+
+TEST(Destination, WritesThroughTheFirstSlotBehindItsDestructors) {
+    EXPECT_EQ(vtableSlot(&Logging::Destination::write), 2U);
 }
 
 TEST(FunctorDestination, CallsItsFunctionWithEveryLine) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ScratchDirectory.h"
+#include "unit/common/VtableSlot.h"
 
 namespace {
 
@@ -76,6 +77,16 @@ public:
 private:
     uid_t m_previous;
 };
+
+TEST(IRotationStrategy, KeepsTheOrderOfItsOperations) {
+    EXPECT_EQ(vtableSlot(&IRotationStrategy::setInitialInfo), 2U);
+    EXPECT_EQ(vtableSlot(&IRotationStrategy::includeMessageInCalculation), 3U);
+    EXPECT_EQ(vtableSlot(&IRotationStrategy::shouldRotate), 4U);
+    EXPECT_EQ(vtableSlot(&IRotationStrategy::rotate), 5U);
+    EXPECT_EQ(vtableSlot(&IRotationStrategy::setFileName), 6U);
+    EXPECT_EQ(vtableSlot(&IRotationStrategy::getPathName), 7U);
+    EXPECT_EQ(vtableSlot(&IRotationStrategy::getBackupCount), 8U);
+}
 
 TEST(NullRotationStrategy, NeverRotates) {
     NullRotationStrategy strategy;
