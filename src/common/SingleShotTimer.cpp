@@ -45,6 +45,7 @@ void SingleShotTimer::stop() {
     }
     {
         const std::lock_guard<std::mutex> lock(m_impl->m_mutex);
+        // Afterwards every entry is due at the epoch, so the heap needs no repair.
         for (TimerEntry& entry : m_impl->m_queue.stored()) {
             if (entry.id != 0) {
                 entry.id = 0;
@@ -101,6 +102,7 @@ void SingleShotTimer::endWorker() {
 
 void SingleShotTimer::timerWorker(SingleShotTimerImpl& impl) {
     while (!impl.m_stopped) {
+        // Why a wait ended does not matter: whatever happened, the queue tells what is due now.
         if (const auto dueTime = calculateWaitTime(impl)) {
             impl.m_semaphore.waitUntil(*dueTime);
         } else {

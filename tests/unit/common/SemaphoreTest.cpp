@@ -163,6 +163,7 @@ TEST(Semaphore, ReleasesOneWaiterForOneNotification) {
     cmn::Semaphore semaphore;
     std::atomic<int> returned{0};
     std::vector<std::thread> waiters;
+    waiters.reserve(3);
     for (int i = 0; i < 3; ++i) {
         waiters.emplace_back([&] {
             semaphore.wait();
@@ -186,6 +187,7 @@ TEST(Semaphore, LosesAndInventsNothingBetweenManyThreads) {
     cmn::Semaphore semaphore;
     std::atomic<int> consumed{0};
     std::vector<std::thread> workers;
+    workers.reserve(std::size_t{2} * threads);
     for (int i = 0; i < threads; ++i) {
         workers.emplace_back([&] {
             for (int n = 0; n < each; ++n) {

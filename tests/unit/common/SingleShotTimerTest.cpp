@@ -536,6 +536,7 @@ TEST(SingleShotTimer, RunsItsCallbacksOneAtATimeHoweverManyThreadsSchedule) {
     std::mutex idsMutex;
     std::set<std::uint64_t> ids;
     std::vector<std::thread> schedulers;
+    schedulers.reserve(threads);
     for (int i = 0; i < threads; ++i) {
         schedulers.emplace_back([&] {
             for (int n = 0; n < each; ++n) {
