@@ -1,5 +1,6 @@
 #include "Timeline.h"
 
+#include <array>
 #include <cstdio>
 #include <ctime>
 #include <utility>
@@ -20,10 +21,10 @@ std::string timeOfDay(std::chrono::system_clock::time_point time) {
     const std::time_t seconds = wholeSeconds.count();
     std::tm local{};
     localtime_r(&seconds, &local);
-    char text[32];
-    const int length = std::snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min,
-                                     local.tm_sec, static_cast<int>(rest.count()));
-    return {text, static_cast<std::size_t>(length)};
+    std::array<char, 64> text{};
+    const int length = std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", local.tm_hour,
+                                     local.tm_min, local.tm_sec, static_cast<int>(rest.count()));
+    return {text.data(), static_cast<std::size_t>(length)};
 }
 
 }  // namespace

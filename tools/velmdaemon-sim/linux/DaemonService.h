@@ -1,0 +1,59 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "Options.h"
+#include "StandIn.h"
+#include "linux/Delays.h"
+#include "linux/Failure.h"
+#include "linux/Handles.h"
+#include "platform/linux/ProtocolVTable.h"
+
+namespace sim {
+
+/// The stand-in on a bus: owns the service name, hands calls to the stand-in, and tells it when agents leave.
+///
+/// Single-threaded, on the event loop. When the bus or the name is lost, it says so on standard error and
+/// ends the loop with the fitting status.
+class DaemonService {
+public:
+    /// Connects and asks for the name; throws Failure if that cannot be. Calls may arrive as soon as the loop
+    /// runs. Everything that is passed must outlive this object.
+    DaemonService(sd_event* event, const BusOptions& options, StandIn& standIn, Timeline& timeline,
+                  Delays& delays);
+    DaemonService(const DaemonService&) = delete;
+    DaemonService& operator=(const DaemonService&) = delete;
+    DaemonService(DaemonService&&) = delete;
+    DaemonService& operator=(DaemonService&&) = delete;
+    ~DaemonService() = default;
+
+    /// Waits until all that was sent has left. Errors show as the loss of the bus.
+    void flush();
+
+private:
+    void watchName();
+    void requestName();
+    Peer introduce(const std::string& sender);
+    void watchLeaving(const std::string& sender);
+    int nameChanged(sd_bus_message* signal);
+    void end(ExitStatus status, const std::string& why);
+
+    static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* error);
+    static int onNameAcquired(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+    static int onNameLost(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+    static int onNameOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+    static int onDisconnected(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+
+    sd_event* m_event;
+    BusOptions m_options;
+    StandIn& m_standIn;
+    Timeline& m_timeline;
+    Delays& m_delays;
+    platform::dbus::ProtocolVTable m_table;
+    BusHandle m_bus;
+    std::vector<SlotHandle> m_slots;
+    std::map<std::string, SlotHandle> m_leaving;
+};
+
+}  // namespace sim
