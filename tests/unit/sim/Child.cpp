@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr std::chrono::seconds cap{30};
+constexpr std::chrono::seconds cap{60};
 
 using Pipe = std::array<int, 2>;
 
