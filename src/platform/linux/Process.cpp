@@ -1,6 +1,8 @@
 #include "platform/Process.h"
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -8,7 +10,21 @@
 
 namespace platform {
 
+namespace {
+
+// Otherwise the log file or a bus would get the number of a closed stream, and what is meant for the stream.
+void occupyStandardStreams() {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+        if (fcntl(stream, F_GETFD) < 0) {
+            static_cast<void>(open("/dev/null", O_RDWR));
+        }
+    }
+}
+
+}  // namespace
+
 void prepareProcess() noexcept {
+    occupyStandardStreams();
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
 
     // Threads inherit the mask, so the two stay pending for the loop, which fetches them from a descriptor.
