@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/linux/LossPacing.h"
+#include "platform/linux/OutHandle.h"
 #include "platform/linux/PrivateThreads.h"
 #include "platform/linux/WireNames.h"
 
@@ -37,8 +38,10 @@ constexpr std::size_t heldCallsLimit = 128;
 // A message costs its header too.
 constexpr std::size_t headerBytes = 256;
 
+constexpr std::uint64_t withoutTimeout = std::numeric_limits<std::uint64_t>::max();
+
 int millisecondsUntil(std::uint64_t monotonicMicroseconds) {
-    if (monotonicMicroseconds == std::numeric_limits<std::uint64_t>::max()) {
+    if (monotonicMicroseconds == withoutTimeout) {
         return -1;
     }
     const auto due = std::chrono::microseconds(monotonicMicroseconds);
@@ -161,22 +164,22 @@ void BusLink::send(const XpcMethod& method, std::size_t payload, const AppendArg
 }
 
 bool BusLink::openBus() {
-    sd_bus* bus = nullptr;
-    if (sd_bus_open_system_with_description(&bus, "velmmonitord") < 0) {
+    if (sd_bus_open_system_with_description(OutHandle(m_bus), "velmmonitord") < 0) {
         return false;
     }
-    m_bus.reset(bus);
+    sd_bus* const bus = m_bus.get();
+    // A bus that answers late answers all the same; a question given up would never be asked again.
+    sd_bus_set_method_call_timeout(bus, withoutTimeout);
     if (m_exportedProtocol != nullptr) {
         m_vtable.emplace(*m_exportedProtocol, onCall);
-        sd_bus_slot* slot = nullptr;
-        if (sd_bus_add_object_vtable(bus, &slot, dbus::agentObjectPath,
+        if (sd_bus_add_object_vtable(bus, OutHandle(m_exportedSlot), dbus::agentObjectPath,
                                      dbus::interfaceName(*m_exportedProtocol).c_str(), m_vtable->data(),
                                      this) < 0) {
             return false;
         }
-        m_exportedSlot.reset(slot);
     }
-    return m_owner.start(bus, m_serviceName) >= 0;
+    m_owner.start(bus, m_serviceName);
+    return true;
 }
 
 void BusLink::closeBus() {
@@ -253,7 +256,7 @@ BusLink::Wait BusLink::nextWait() const {
         return {-1, 0, -1};
     }
     const int events = sd_bus_get_events(m_bus.get());
-    std::uint64_t due = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t due = withoutTimeout;
     if (events < 0 || sd_bus_get_timeout(m_bus.get(), &due) < 0) {
         return {-1, 0, 0};
     }
@@ -301,12 +304,11 @@ MessageHandle BusLink::newCall(const XpcMethod& method, const AppendArguments& a
     if (m_remoteProtocol == nullptr) {
         return nullptr;
     }
-    sd_bus_message* message = nullptr;
+    MessageHandle call;
     const int result = sd_bus_message_new_method_call(
-        m_bus.get(), &message, m_serviceName.c_str(), dbus::daemonObjectPath,
+        m_bus.get(), OutHandle(call), m_serviceName.c_str(), dbus::daemonObjectPath,
         dbus::interfaceName(*m_remoteProtocol).c_str(), std::string(method.member()).c_str());
-    MessageHandle call(message);
-    return result >= 0 && append(message) >= 0 ? std::move(call) : nullptr;
+    return result >= 0 && append(call.get()) >= 0 ? std::move(call) : nullptr;
 }
 
 void BusLink::enqueue(MessageHandle call, ReadReply readReply) {
@@ -316,14 +318,11 @@ void BusLink::enqueue(MessageHandle call, ReadReply readReply) {
     }
     m_pendingReplies.push_back({this, std::move(readReply), nullptr});
     PendingReply& pending = m_pendingReplies.back();
-    sd_bus_slot* slot = nullptr;
-    constexpr std::uint64_t withoutTimeout = std::numeric_limits<std::uint64_t>::max();
-    if (sd_bus_call_async(m_bus.get(), &slot, call.get(), onReply, &pending, withoutTimeout) < 0) {
+    if (sd_bus_call_async(m_bus.get(), OutHandle(pending.slot), call.get(), onReply, &pending,
+                          withoutTimeout) < 0) {
         m_droppedReplies.push_back(std::move(pending.read));
         m_pendingReplies.pop_back();
-        return;
     }
-    pending.slot.reset(slot);
 }
 
 int BusLink::onReply(sd_bus_message* message, void* pending, sd_bus_error* /*error*/) {
@@ -344,10 +343,7 @@ int BusLink::onCall(sd_bus_message* message, void* self, sd_bus_error* error) {
 }
 
 int BusLink::answer(sd_bus_message* call, sd_bus_error* error) {
-    const char* sender = sd_bus_message_get_sender(call);
-    const bool fromOwner =
-        sender != nullptr && !m_owner.uniqueName().empty() && m_owner.uniqueName() == sender;
-    if (!fromOwner || m_owner.trust() == DaemonOwner::Trust::Untrusted) {
+    if (!m_owner.sent(call) || m_owner.trust() == DaemonOwner::Trust::Untrusted) {
         return sd_bus_error_set(error, SD_BUS_ERROR_ACCESS_DENIED, "Only the daemon may call the agent");
     }
     return m_owner.trust() == DaemonOwner::Trust::Trusted ? accept(call, error) : hold(call, error);

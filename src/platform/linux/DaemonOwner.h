@@ -1,24 +1,23 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "platform/linux/BusHandles.h"
+#include "platform/linux/BusNameOwner.h"
 
 namespace platform {
 
 /// Follows, on one bus, who owns the daemon's name and whether that owner may call the agent: it must run as
 /// root or as the agent's own user.
 ///
-/// The match is installed before the question is asked, and both answers and signals are applied in the order
-/// in which the bus sent them, so no change is missed and none is applied twice. Messages that only pretend
-/// to come from the bus itself are ignored: any local user can send such a signal to the agent directly.
-///
 /// Not thread-safe: belongs to whatever guards the bus. The callbacks run inside sd_bus_process.
 class DaemonOwner {
 public:
     enum class Trust {
-        Unknown,  ///< there is an owner and the bus has not yet said who runs it, or there is no owner
+        Unknown,  ///< there is no owner, or the bus has not yet said who runs it
         Trusted,
         Untrusted,
     };
@@ -32,28 +31,25 @@ public:
     DaemonOwner(const DaemonOwner&) = delete;
     DaemonOwner& operator=(const DaemonOwner&) = delete;
 
-    /// Starts to follow the owner of `serviceName` on `bus`, without waiting. Returns a negative errno value
-    /// on failure. Once, and `stop` must come before the bus goes.
-    int start(sd_bus* bus, const std::string& serviceName);
+    /// Starts to follow the owner of `serviceName` on `bus`, without waiting. Once, and `stop` must come
+    /// before the bus goes.
+    void start(sd_bus* bus, const std::string& serviceName);
     void stop();
 
-    /// The owner's unique name, or empty if there is none or none is known yet.
-    const std::string& uniqueName() const { return m_uniqueName; }
+    /// Whether `message` comes from the present owner.
+    bool sent(sd_bus_message* message) const { return m_owner && m_owner->sent(message); }
+    /// Whether the present owner may call.
     Trust trust() const { return m_trust; }
 
 private:
-    static int onNameOwnerChanged(sd_bus_message* message, void* self, sd_bus_error* error);
-    static int onNameOwner(sd_bus_message* message, void* self, sd_bus_error* error);
-    static int onUnixUser(sd_bus_message* message, void* self, sd_bus_error* error);
-    void setOwner(const char* uniqueName);
-    void askForUser();
+    void ownerChanged(const std::string& uniqueName);
+    void userAnswered(sd_bus_message* message);
 
     Callbacks m_callbacks;
     sd_bus* m_bus = nullptr;
-    std::string m_uniqueName;
+    bool m_owned = false;
     Trust m_trust = Trust::Unknown;
-    SlotHandle m_ownerChanges;
-    SlotHandle m_ownerQuery;
+    std::optional<BusNameOwner> m_owner;
     SlotHandle m_userQuery;
 };
 
