@@ -6,6 +6,7 @@
 #include "logging/RotationStrategy.h"
 
 void defaultLogFunction(const std::string& line) {
+    // Unlike DebugOutput, without a flush: the console must not cost a system call for every line.
     std::cout << line << '\n';
 }
 
@@ -39,6 +40,7 @@ std::shared_ptr<Destination> DestinationFactory::makeFunctorDestination(
 std::shared_ptr<Destination> DestinationFactory::makeFileDestination(
     const std::string& path, LogRotationOption option, const MaxSizeBytes& maxSize,
     const MaxOldLogCount& maxOldCount, std::shared_ptr<SizeRotationStrategy> strategy) {
+    // An option from a newer caller is no reason to shift files about: whatever is not known does not rotate.
     if (option == SizeRotation) {
         strategy->setMaximumSizeInBytes(maxSize.value);
         strategy->setBackupCount(maxOldCount.value);

@@ -12,6 +12,7 @@ FileDestination::FileDestination(const std::string& path, std::shared_ptr<IRotat
         // A standard library may raise a class of its own; callers get exactly the one that is documented.
         throw std::ios_base::failure(failure);
     }
+    // Only now, when the file surely exists: the strategy starts from the size that it finds.
     m_rotationStrategy->setFileName(path);
     m_rotationStrategy->setInitialInfo(path);
 }
@@ -19,6 +20,8 @@ FileDestination::FileDestination(const std::string& path, std::shared_ptr<IRotat
 FileDestination::~FileDestination() = default;
 
 void FileDestination::write(const std::string& line) {
+    // Counted before it is written: the line that exceeds the limit already goes into the emptied file. The
+    // file is measured before that, so its first line is never counted.
     m_rotationStrategy->includeMessageInCalculation(line);
     if (m_rotationStrategy->shouldRotate()) {
         m_rotationStrategy->rotate();

@@ -11,6 +11,7 @@ namespace Logging {
 
 class LoggerImpl {
 public:
+    // Room for what the default set-up adds.
     LoggerImpl() { m_destinations.reserve(2); }
 
     std::mutex m_mutex;
@@ -31,6 +32,7 @@ Logger::Logger()
 Logger::~Logger() = default;
 
 Logger& Logger::instance() {
+    // No lock: every statement comes through here, and the first call is over before a second thread logs.
     if (!m_instance) {
         m_instance = std::make_unique<Logger>();
     }
@@ -45,6 +47,7 @@ void Logger::initAsDefault(const std::string& path) {
     if (m_initialized) {
         return;
     }
+    // Before the file, so that there is a console even if the file cannot be opened.
     addDestination(DestinationFactory::makeFunctorDestination(defaultLogFunction));
     if (!path.empty()) {
         const MaxSizeBytes maxSize(static_cast<std::uint64_t>(std::int64_t{m_maxSizeBytes}));
@@ -88,6 +91,7 @@ void Logger::enqueueWrite(std::string& line) {
 }
 
 void Logger::write(const std::string& line) {
+    // Held for all destinations together, so that every one of them gets the lines in the same order.
     const std::lock_guard<std::mutex> lock(m_impl->m_mutex);
     for (const auto& listed : m_impl->m_destinations) {
         // A handle of its own keeps the destination alive during the call.

@@ -34,6 +34,8 @@ Logger::Helper::~Helper() {
 
 void Logger::Helper::writeToLog() {
     std::string line;
+    // The time is taken here and not by the writer, so that it tells when the event was, not when its line
+    // got its turn.
     if (Logger::instance().includeTimestamp()) {
         line += now_date_time();
         line += ' ';

@@ -26,6 +26,7 @@ void createEmpty(const std::string& path) {
 void moveLines(const std::string& from, const std::string& to) {
     std::ifstream source(from);
     std::ofstream target(to);
+    // By lines, so that a last line without its line feed is whole in the backup.
     for (std::string line; std::getline(source, line);) {
         target << line << '\n';
     }
@@ -44,6 +45,7 @@ void NullRotationStrategy::setFileName(std::string name) {
     m_fileName = std::move(name);
 }
 std::string NullRotationStrategy::getPathName() {
+    // Not the stored name: what never rotates is never measured again.
     return {};
 }
 int NullRotationStrategy::getBackupCount() {
@@ -68,9 +70,11 @@ bool SizeRotationStrategy::shouldRotate() {
 }
 
 void SizeRotationStrategy::rotate() {
+    // From the oldest on, so that each copy goes over what has already been copied or is to be discarded.
     for (int number = prepareBackups(); number >= 1; --number) {
         moveLines(backupName(number), backupName(number + 1));
     }
+    // Whatever the backup count: emptying the live file must not throw its lines away.
     moveLines(m_fileName, backupName(1));
 }
 
