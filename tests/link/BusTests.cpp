@@ -1,0 +1,137 @@
+#include <chrono>
+#include <memory>
+
+#include "link/support/LinkTest.h"
+#include "link/support/RudeSocket.h"
+
+namespace link_tests {
+namespace {
+
+using std::chrono::milliseconds;
+
+class SystemBus : public LinkTest {
+protected:
+    /// What losing the bus may leave in the log: rounds of these three lines, in this order, and ticks.
+    void expectOnlyRoundsOfInvalidation(std::size_t from) {
+        const Messages round{message::invalidated, message::disconnected, message::xpcRuns};
+        const Messages lines = agent->log().messages(from);
+        ASSERT_FALSE(lines.empty());
+        for (std::size_t index = 0; index < lines.size(); ++index) {
+            EXPECT_EQ(lines[index], round[index % round.size()]) << "line " << index;
+        }
+        const std::vector<milliseconds> losses = agent->log().stampsOf(message::invalidated);
+        for (std::size_t index = 1; index < losses.size(); ++index) {
+            EXPECT_GE(losses[index] - losses[index - 1], milliseconds(990));
+        }
+    }
+
+    /// Everything comes up on the bus, and everything works.
+    void expectThatAllIsWell() {
+        startSystem();
+        FakeDaemon newDaemon(bus.address());
+        ASSERT_TRUE(confirmLink(newDaemon));
+        ASSERT_TRUE(awaitSessionRead(ownSession));
+        logind->setLockedHint(ownSession, true);
+        ASSERT_TRUE(newDaemon.awaitEvents(1));
+        machine.timeZones().setByRename(eastZone);
+        ASSERT_TRUE(newDaemon.awaitEvents(2));
+        EXPECT_EQ(newDaemon.events(), (Messages{"onScreenLocked true", "onTimeZoneChanged"}));
+        EXPECT_EQ(agent->log().count(message::interrupted), 0U);
+    }
+};
+
+TEST_F(SystemBus, LostAndBackAtTheSameAddressIsUsedAgain) {
+    startSystem();
+    startLinked();
+    ASSERT_TRUE(awaitSessionRead(ownSession));
+    const std::size_t mark = agent->log().mark();
+    logind.reset();
+    monitor.reset();
+    bus.stop();
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 3, mark));
+    expectOnlyRoundsOfInvalidation(mark);
+    expectThatAllIsWell();
+}
+
+TEST_F(SystemBus, NotThereAtStartIsUsedOnceItComes) {
+    startAgent();
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 3));
+    ASSERT_TRUE(agent->log().await(message::invalidated));
+    expectThatAllIsWell();
+}
+
+TEST_F(SystemBus, ThatHangsUpIsTriedAtMostOnceASecondByEachPartOfTheAgent) {
+    const auto start = std::chrono::steady_clock::now();
+    const RudeSocket rude(bus.socketPath());
+    startAgent();
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 6));
+    const std::chrono::duration<double> span = std::chrono::steady_clock::now() - start;
+    // The link and the screen lock source are the two that use the system bus.
+    EXPECT_LE(static_cast<double>(rude.attempts()), 2.0 * (span.count() + 1.0));
+    EXPECT_GE(rude.attempts(), 2U);
+    const std::vector<milliseconds> losses = agent->log().stampsOf(message::invalidated);
+    for (std::size_t index = 1; index < losses.size(); ++index) {
+        EXPECT_GE(losses[index] - losses[index - 1], milliseconds(990));
+    }
+}
+
+TEST_F(SystemBus, ASessionBusThatHangsUpIsTriedAtMostOnceASecond) {
+    const PrivateBus sessionAddress;
+    options.sessionBus = sessionAddress.address();
+    const auto start = std::chrono::steady_clock::now();
+    const RudeSocket rude(sessionAddress.socketPath());
+    startSystem();
+    startLinked();
+    pumpFor(milliseconds(4000));
+    const std::chrono::duration<double> span = std::chrono::steady_clock::now() - start;
+    EXPECT_LE(static_cast<double>(rude.attempts()), span.count() + 1.0);
+    EXPECT_GE(rude.attempts(), 2U);
+    logind->setLockedHint(ownSession, true);
+    EXPECT_TRUE(daemon->awaitEvents(1));
+}
+
+TEST_F(SystemBus, StoppedWhileEventsComeCostsNeitherLinesNorMemoryAndRecovers) {
+    PrivateBus sessionBus;
+    sessionBus.start();
+    options.sessionBus = sessionBus.address();
+    BusPeer saver(sessionBus.address(), agentUser);
+    ASSERT_EQ(saver.requestName("org.mate.ScreenSaver"), 1U);
+    const BusTarget toAll{"", "/org/mate/ScreenSaver", "org.mate.ScreenSaver"};
+    startSystem();
+    startLinked();
+    ASSERT_TRUE(agent->awaitWatchOfEtc());
+    // The screen saver is followed from here on.
+    ASSERT_TRUE(await([&] {
+        saver.emit(toAll, "ActiveChanged", "b", 1);
+        return daemon->events().size() == 1;
+    }));
+    const std::size_t mark = agent->log().mark();
+    const std::size_t memory = agent->residentMemory();
+
+    bus.freeze();
+    constexpr std::size_t rounds = 1500;
+    for (std::size_t round = 0; round < rounds; ++round) {
+        saver.emit(toAll, "ActiveChanged", "b", 0);
+        saver.emit(toAll, "ActiveChanged", "b", 1);
+    }
+    // The agent sees and logs all of it although nothing can be sent.
+    ASSERT_TRUE(agent->log().awaitCount(message::sendingStatus, 2 * rounds, mark));
+    machine.timeZones().setByRename(eastZone);
+    ASSERT_TRUE(agent->log().await(message::sendingZone, mark));
+    constexpr std::size_t allowedGrowth = 32UL * 1024 * 1024;
+    EXPECT_LT(agent->residentMemory(), memory + allowedGrowth);
+    bus.thaw();
+
+    // The answer comes after all that was to be sent before it. How much of that there is, is the layer's
+    // affair; what is sent from now on arrives.
+    EXPECT_TRUE(daemon->call("logLevel", "x", std::int64_t{8}).ok());
+    const std::size_t events = daemon->events().size();
+    EXPECT_GT(events, 1U);
+    machine.timeZones().setByRename(westZone);
+    ASSERT_TRUE(daemon->awaitEvents(events + 1));
+    EXPECT_EQ(daemon->events().back(), "onTimeZoneChanged");
+    EXPECT_EQ(agent->log().count(message::interrupted) + agent->log().count(message::invalidated), 0U);
+}
+
+}  // namespace
+}  // namespace link_tests
