@@ -134,10 +134,6 @@ void DaemonService::requestName() {
     }
 }
 
-void DaemonService::flush() {
-    sd_bus_flush(m_bus.get());
-}
-
 Peer DaemonService::introduce(const std::string& sender) {
     // Watched before it is asked about, so that its end cannot be missed in between.
     watchLeaving(sender);

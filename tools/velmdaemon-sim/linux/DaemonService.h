@@ -28,9 +28,6 @@ public:
     DaemonService& operator=(DaemonService&&) = delete;
     ~DaemonService() = default;
 
-    /// Waits until all that was sent has left. Errors show as the loss of the bus.
-    void flush();
-
 private:
     void watchName();
     void requestName();

@@ -54,11 +54,10 @@ int serve(const Options& options) {
                     [&delays](std::chrono::milliseconds delay, std::function<void()> work) {
                         delays.after(delay, std::move(work));
                     });
-    DaemonService service(event.get(), options.bus, standIn, timeline, delays);
+    const DaemonService service(event.get(), options.bus, standIn, timeline, delays);
     const InputLines input(event.get(), LineSplitter([&](std::string_view line) {
                                const bool goOn = standIn.execute(line);
                                if (!goOn) {
-                                   service.flush();
                                    sd_event_exit(event.get(), static_cast<int>(ExitStatus::AsAsked));
                                }
                                return goOn;
