@@ -139,7 +139,8 @@ TEST(LocalNotificationCenter, LeavesTheRegistrationsOfOtherObservers) {
 }
 
 TEST(LocalNotificationCenter, RemovesNothingForANullObserver) {
-    // What has no observer stays registered for ever: it has a name that no other test posts, and repetitions add up.
+    // What has no observer stays registered for ever: it has a name that no other test posts, and repetitions
+    // add up.
     const CFNotificationName own = CFSTR("test.null");
     static int registrations = 0;
     static int nullCalls = 0;
