@@ -27,6 +27,7 @@ void openLog(const std::string& path) {
 
 int runAgent() {
     platform::prepareProcess();
+    // Outlives everything below, which may leave objects to it until the end.
     const platform::AutoreleasePool pool;
     // Without a home directory the path is empty, which stands for a log on the console only.
     const std::string path =

@@ -24,6 +24,7 @@ struct MonitorLauncher::Impl {
     std::shared_ptr<XpcServiceClientImpl> m_client;
     ScreenLockMonitor m_screenLockMonitor;
     TimeZoneChangeMonitor m_timeZoneChangeMonitor;
+    // Stands in until init() makes the real one, whose ticks need the launcher; never run.
     cmn::BaseTimer m_timer{std::chrono::milliseconds(0), {}, false};
 };
 
@@ -69,6 +70,7 @@ void MonitorLauncher::init() {
         m_impl->m_client->connectToXpc();
         m_impl->m_client->connect();
     };
+    // Runs before any attempt has been answered: only the daemon's answer ends the asking.
     m_impl->m_timer = cmn::BaseTimer(reconnectInterval, onTick, false);
     m_impl->m_timer.run();
 }

@@ -6,6 +6,8 @@ TimeZoneChangeMonitor::TimeZoneChangeMonitor()
     : m_signal(std::make_unique<boost::signals2::signal<void()>>()) {}
 
 TimeZoneChangeMonitor::~TimeZoneChangeMonitor() {
+    // Posts come on any thread, even now: only the removal of this very observer makes sure that none of them
+    // is still on its way to the signal.
     CFNotificationCenterRemoveObserver(CFNotificationCenterGetLocalCenter(), this,
                                        kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr);
 }

@@ -4,6 +4,7 @@
 #include "velmmonitord/LogLine.h"
 #include "velmmonitord/XpcServiceClientSignals.h"
 
+// One set for the process, built before main: whoever subscribes need not know which client brings an event.
 boost::signals2::signal<void()> m_sigConnectedImpl;
 boost::signals2::signal<void()> m_sigDisconnectedImpl;
 boost::signals2::signal<void(const char*, unsigned long long)> m_sigMsgReceivedImpl;
@@ -59,6 +60,7 @@ void setUp(platform::IXpcConnection& connection, const std::shared_ptr<XpcServic
     connection.resume();
 }
 
+// Without the client the connection goes as it came, not resumed.
 void createConnection(const std::shared_ptr<XpcServiceClientImpl>& client) {
     const auto connection = platform::createXpcConnection(daemonService, platform::xpcConnectionPrivileged);
     if (client) {
@@ -78,6 +80,8 @@ void openConnection(const WeakClient& weakClient) {
     logLine(Logging::Level::Trace, "xpc is running");
 }
 
+// Captures nothing, so an answer counts even when the client that asked is gone. The connection is kept: it
+// still works, and a daemon that gets ready answers the next connect on it.
 void onPingReply(bool ready) {
     if (!ready) {
         logLine(Logging::Level::Error, "xpc: connection is not ready");
@@ -92,6 +96,7 @@ std::shared_ptr<XpcServiceClientImpl> XpcServiceClientImpl::create() {
 }
 
 XpcServiceClientImpl::XpcServiceClientImpl() : _queue(platform::createOperationQueue()) {
+    // One at a time, so that a teardown never meets the set-up of the next connection.
     _queue->setMaxConcurrentOperationCount(1);
 }
 
@@ -112,6 +117,7 @@ std::shared_ptr<platform::IOperationQueue> XpcServiceClientImpl::queue() const {
 }
 
 std::shared_ptr<XpcDaemonProtocol> XpcServiceClientImpl::remoteObjectProxy() const {
+    // Read once: it may be gone at a second look.
     const auto connection = m_xpcConnection();
     return connection ? connection->remoteObjectProxy() : nullptr;
 }
@@ -175,6 +181,8 @@ void XpcServiceClientImpl::subscribeOnLogLevel(const LogLevelSlot& slot) {
 
 void XpcServiceClientImpl::connected(bool flag) {
     logLine(Logging::Level::Trace, "xpc: connection is established: ", flag);
+    // Also for no: the daemon is there and has answered, and being asked again each second would not change
+    // its mind.
     m_sigConnectedImpl();
 }
 
