@@ -42,17 +42,14 @@ public:
 
     void setActive(bool active) {
         m_active = active;
-        emitAs(m_bus.get(), m_name, active);
+        sd_bus_emit_signal(m_bus.get(), "/org/xfce/ScreenSaver", m_name.c_str(), "ActiveChanged", "b",
+                           static_cast<int>(active));
     }
     void refuse() { m_refuses = true; }
     int asked() const { return m_asked; }
 
-    /// Sends the signal of the saver `name` on any connection.
-    static void emitAs(sd_bus* bus, const std::string& name, bool active) {
-        sd_bus_emit_signal(bus, "/org/xfce/ScreenSaver", name.c_str(), "ActiveChanged", "b",
-                           static_cast<int>(active));
-        sd_bus_flush(bus);
-    }
+    /// The unique name of the one that asks.
+    const std::string& asker() const { return m_asker; }
 
 private:
     static int called(sd_bus_message* call, void* self, sd_bus_error* /*error*/) {
@@ -61,6 +58,7 @@ private:
             return 0;
         }
         ++saver->m_asked;
+        saver->m_asker = sd_bus_message_get_sender(call);
         if (saver->m_refuses) {
             sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "refused");
         } else {
@@ -74,6 +72,7 @@ private:
     bool m_active;
     bool m_refuses = false;
     int m_asked = 0;
+    std::string m_asker;
 };
 
 class ScreenLockSourceTest : public LoopFixture {
@@ -426,12 +425,16 @@ TEST_F(ScreenSaverTest, IsFollowedAlsoWhenItDoesNotAnswer) {
 
 TEST_F(ScreenSaverTest, IsBelievedOnlyWhenItOwnsTheName) {
     m_sessionBus.start();
+    const FakeSaver other(loop(), m_sessionBus.address(), "org.xfce.ScreenSaver", false);
     startSaver("org.mate.ScreenSaver");
     startSource();
     ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(runUntil([&other] { return other.asked() > 0; }));
     const auto stranger = connectTo(m_sessionBus.address());
-    FakeSaver::emitAs(stranger.get(), "org.mate.ScreenSaver", true);
-    FakeSaver::emitAs(stranger.get(), "org.xfce.ScreenSaver", true);
+    emitTo(stranger.get(), m_saver->asker(), "/org/xfce/ScreenSaver", "org.xfce.ScreenSaver", "ActiveChanged",
+           "b", 1);
+    roundTrip(stranger.get());
+    // Were the other saver taken for active, the edges of this one would not show.
     m_saver->setActive(true);
     m_saver->setActive(false);
     EXPECT_TRUE(waitForReports(2));
