@@ -32,6 +32,11 @@ else()
         $<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE> $<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
 endif()
 
+# What is shipped has the same bytes wherever it was built. (The last map that fits counts.)
+target_compile_options(velm_flags INTERFACE
+    "$<$<CONFIG:Release,RelWithDebInfo>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
+    "$<$<CONFIG:Release,RelWithDebInfo>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>")
+
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     include(CheckPIESupported)
     check_pie_supported(LANGUAGES CXX)
