@@ -1,0 +1,109 @@
+"""A Linux system booted from a directory, and commands in it."""
+
+import os
+import pathlib
+import shlex
+import signal
+import subprocess
+import time
+
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LANG": "C.UTF-8", "TERM": "dumb"}
+
+
+class CommandFailed(AssertionError):
+    pass
+
+
+def wait_until(condition, what, cap=30):
+    """Polls until `condition()` is true and returns what it returned; fails after `cap` seconds."""
+    end = time.monotonic() + cap
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {cap} s: {what}")
+        time.sleep(0.1)
+
+
+class Container:
+    """Needs root. Has no network and no outside service; `stop` ends every process of it."""
+
+    def __init__(self, root):
+        self.root = pathlib.Path(root)
+        self.console = self.root.parent / "console.log"
+        self._nspawn = None
+        self._leader = None
+
+    def path(self, inside):
+        """Where a file of the container is on this machine."""
+        return self.root / str(inside).lstrip("/")
+
+    def boot(self):
+        # The screen locker keeps the password that is typed in locked memory.
+        command = ["systemd-nspawn", "--quiet", f"--directory={self.root}", "--boot", "--private-network",
+                   "--register=no", "--keep-unit", "--console=pipe", "--machine=velmtest",
+                   "--system-call-filter=@memlock"]
+        with open(self.console, "ab") as console:
+            self._nspawn = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=console, stderr=console,
+                                            start_new_session=True)
+        self._leader = wait_until(self._find_leader, "the container has a first process")
+        wait_until(lambda: self.run("systemctl", "is-system-running", check=False).strip() in ("running", "degraded"),
+                   "the system is up", cap=120)
+
+    def _find_leader(self):
+        if self._nspawn.poll() is not None:
+            raise AssertionError(f"systemd-nspawn ended with {self._nspawn.returncode}: " +
+                                 self.console.read_text(errors="replace")[-2000:])
+        children = pathlib.Path(f"/proc/{self._nspawn.pid}/task/{self._nspawn.pid}/children").read_text().split()
+        for child in children:
+            if pathlib.Path(f"/proc/{child}/comm").read_text().strip() == "systemd":
+                return int(child)
+        return None
+
+    def stop(self):
+        if self._nspawn is None:
+            return
+        if self._leader is not None and self._nspawn.poll() is None:
+            try:
+                self.run("systemctl", "poweroff", check=False, cap=30)
+                self._nspawn.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                os.kill(self._leader, signal.SIGKILL)
+        if self._nspawn.poll() is None:
+            self._nspawn.terminate()
+        self._nspawn.wait()
+        self._nspawn = self._leader = None
+
+    def run(self, *command, user=None, env=None, check=True, cap=120):
+        """Runs a command in the container and returns its standard output and error as one text."""
+        inside = ["env", "-i", *(f"{k}={v}" for k, v in {**ENVIRONMENT, **(env or {})}.items()), *command]
+        if user is not None:
+            inside = ["setpriv", f"--reuid={user.uid}", f"--regid={user.uid}", "--init-groups", *inside]
+        enter = ["nsenter", "-t", str(self._leader), "-m", "-p", "-u", "-i", "-n", "-C", "-r", "-w", "--"]
+        done = subprocess.run(enter + inside, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, timeout=cap, check=False)
+        text = done.stdout.decode(errors="replace")
+        if check and done.returncode != 0:
+            raise CommandFailed(f"{shlex.join(command)}: status {done.returncode}: {text.strip()}")
+        return text
+
+    def succeeds(self, *command, **options):
+        try:
+            self.run(*command, **options)
+        except CommandFailed:
+            return False
+        return True
+
+    def start(self, unit, *command, properties=(), env=None):
+        """Starts a command as a transient system service."""
+        self.run("systemd-run", "--quiet", f"--unit={unit}", "--collect", "--property=StandardInput=null",
+                 *(f"--property={p}" for p in properties), *(f"--setenv={k}={v}" for k, v in (env or {}).items()),
+                 *command)
+
+    def programs(self):
+        """Names of all processes."""
+        return self.run("sh", "-c", "cat /proc/[0-9]*/comm 2>/dev/null || true").split()
+
+    def journal(self, *arguments):
+        return self.run("journalctl", "--no-pager", "--quiet", "--output=cat", *arguments).splitlines()

@@ -1,0 +1,240 @@
+"""Installing, upgrading, removing."""
+
+import json
+import os
+import xml.etree.ElementTree as ElementTree
+
+from container import wait_until
+from users import UNIT, User
+
+
+def install_points(report, world):
+    check = report.check
+    check("two users and a system without the agent", prepare, world)
+    check("installing while a user is logged in starts the agent for that user", install_for_logged_in_user, world)
+    check("the stand-in is neither started nor enabled by installing it", stand_in_waits, world)
+    check("the agent starts by itself at login", agent_starts_at_login, world)
+    check("the log directory has mode 0700, the log 0600, both their user's", log_is_private, world)
+    check("an account of the system gets no agent", no_agent_for_system_accounts, world)
+    check("an upgrade restarts the agents and the daemon, and keeps the logs", upgrade, world)
+    check("installing the same version again changes nothing for the users", install_twice, world)
+    check("a user's manager that hangs does not fail an installation", hanging_manager, world)
+    check("an administrator's choice to have no agent outlives an upgrade", disabled_stays_disabled, world)
+    check("systemd finds nothing wrong with the units", units_verify, world)
+    check("the agent's unit as its user's service manager sees it", security_figure, world)
+    check("the interface descriptions are what the programs answer to introspection", interfaces_match, world)
+
+
+def removal_points(report, world):
+    report.check("removal stops every agent and the daemon", remove, world)
+    report.check("purging leaves nothing behind but the users' logs", purge, world)
+
+
+def installation_without_users(report, world):
+    report.check("installing with nobody logged in; the agent starts at the next login", install_then_log_in, world)
+
+
+def prepare(world):
+    world.add_users()
+    world.files_before = system_files(world.container)
+    world.alices_session = world.alice.log_in()
+
+
+def install_for_logged_in_user(world):
+    world.apt("install", *world.package_files("previous"))
+    world.alice.wait_for_agent()
+    world.alice.wait_for_messages(0, "velmmonitord started", "Monitor launcher is running")
+
+
+def stand_in_waits(world):
+    assert not world.daemon.is_active()
+    assert "disabled" in world.container.run("systemctl", "is-enabled", "velmdaemon-sim.service", check=False)
+    assert "Monitor launcher: connected came" not in world.alice.messages()
+
+
+def agent_starts_at_login(world):
+    assert not world.bob.log_path().exists()
+    world.bobs_session = world.bob.log_in()
+    world.bob.wait_for_agent()
+    world.bob.wait_for_messages(0, "velmmonitord started", "Screen lock monitor is running",
+                                "Time zone change monitor is running")
+
+
+def log_is_private(world):
+    for user in (world.alice, world.bob):
+        own = f"{user.uid}:{user.uid}"
+        log = user.log_path()
+        assert user.ownership(log.parent) == f"{own} 0700", user.ownership(log.parent)
+        assert user.ownership(log) == f"{own} 0600", user.ownership(log)
+
+
+def no_agent_for_system_accounts(world):
+    greeter = User(world.container, "greeter", system=True)
+    session = greeter.log_in()
+    state = wait_until(lambda: skipped_state(greeter), "the greeter's manager has looked at the unit")
+    assert state == "no", state
+    assert not greeter.log_path().parent.exists()
+    session.logout()
+
+
+def skipped_state(user):
+    lines = user.systemctl("show", "--property=ConditionTimestampMonotonic,ConditionResult", UNIT, check=False)
+    shown = dict(line.split("=", 1) for line in lines.splitlines() if "=" in line)
+    if shown.get("ConditionTimestampMonotonic", "0") == "0":
+        return None
+    return shown["ConditionResult"]
+
+
+def upgrade(world):
+    world.daemon.start()
+    before = {}
+    for user in (world.alice, world.bob):
+        user.wait_for_messages(0, "Monitor launcher: connected came")
+        before[user] = (user.agent_pid(), user.log_path().read_bytes(), user.log_mark())
+    daemon = world.daemon.pid()
+
+    world.apt("install", *world.package_files("current"))
+
+    wait_until(lambda: world.daemon.is_active() and world.daemon.pid() not in (0, daemon), "the daemon was restarted")
+    for user, (pid, log, mark) in before.items():
+        user.wait_for_agent(other_than=pid)
+        user.wait_for_messages(mark, "velmmonitord started", "Monitor launcher: connected came")
+        assert user.log_path().read_bytes().startswith(log), f"{user.name}'s log lost its old lines"
+    assert world.container.run("dpkg-query", "--show", "--showformat=${Version}", "velmmonitord") != "0.9.0"
+    world.daemon.stop()
+
+
+def install_twice(world):
+    world.apt("install", "--reinstall", *world.package_files("current"))
+    for user in (world.alice, world.bob):
+        user.wait_for_agent()
+    enabled = world.container.run("systemctl", "--global", "is-enabled", UNIT).strip()
+    assert enabled == "enabled", enabled
+
+
+def hanging_manager(world):
+    manager = f"user@{world.bob.uid}.service"
+    world.container.run("systemctl", "kill", "--signal=STOP", "--kill-whom=main", manager)
+    try:
+        text = world.container.run("apt-get", "--quiet", "--yes", "install", "--reinstall",
+                                   *world.package_files("current"), env={"SYSTEMD_BUS_TIMEOUT": "2s"})
+    finally:
+        world.container.run("systemctl", "kill", "--signal=CONT", "--kill-whom=main", manager)
+    assert "next login" in text, text
+    version = world.container.run("dpkg-query", "--show", "--showformat=${Status}", "velmmonitord")
+    assert version == "install ok installed", version
+
+
+def disabled_stays_disabled(world):
+    world.container.run("systemctl", "--global", "disable", UNIT)
+    world.apt("install", "--reinstall", *world.package_files("current"))
+    state = world.container.run("systemctl", "--global", "is-enabled", UNIT, check=False).strip()
+    world.container.run("systemctl", "--global", "enable", UNIT)
+    assert state == "disabled", state
+
+
+def units_verify(world):
+    for mode, unit in (("--user", UNIT), ("--system", "velmdaemon-sim.service")):
+        output = world.container.run("systemd-analyze", mode, "--man=no", "verify",
+                                     f"/usr/lib/systemd/{mode[2:]}/{unit}", env={"XDG_RUNTIME_DIR": "/run"})
+        assert not output.strip(), output
+
+
+def security_figure(world):
+    lines = world.alice.run("systemd-analyze", "--user", "--no-pager", "security", UNIT, check=False).splitlines()
+    figure = next(line for line in lines if "Overall exposure level" in line)
+    return figure.split("Overall exposure level for ")[-1].strip()
+
+
+def interface_of(xml, name):
+    """An interface of an introspection document as plain values, whatever their layout."""
+    for interface in ElementTree.fromstring(xml).iter("interface"):
+        if interface.get("name") == name:
+            return [(member.tag, sorted(member.attrib.items()),
+                     [(part.tag, sorted(part.attrib.items())) for part in member]) for member in interface]
+    raise AssertionError(f"no interface {name} in {xml}")
+
+
+def described(world, name):
+    return interface_of(world.container.path(f"usr/share/dbus-1/interfaces/{name}.xml").read_text(), name)
+
+
+INTROSPECT = ("org.freedesktop.DBus.Introspectable", "Introspect")
+
+# The bus policy lets nobody introspect an agent on the system bus, so it is asked on a bus of its user's own.
+AGENT_ON_PRIVATE_BUS = """
+export HOME=$(mktemp -d)
+export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$HOME/bus
+dbus-daemon --session --nofork --address=$DBUS_SYSTEM_BUS_ADDRESS & bus=$!
+trap 'kill $agent $bus; rm -rf "$HOME"' EXIT
+until [ -S $HOME/bus ]; do sleep 0.1; done
+/usr/sbin/velmmonitord >/dev/null & agent=$!
+for attempt in $(seq 100); do
+    for name in $(busctl --list --unique | sed -n 's/^\\(:[0-9.]*\\).*/\\1/p'); do
+        busctl call --timeout=2 --json=short $name /com/brovik/velmmonitord \\
+            org.freedesktop.DBus.Introspectable Introspect 2>/dev/null | grep XpcAgentProtocol && exit 0
+    done
+    sleep 0.1
+done
+exit 1
+"""
+
+
+def interfaces_match(world):
+    def text_of(answer):
+        return json.loads(answer)["data"][0]
+
+    world.daemon.start()
+    daemon = world.container.run("busctl", "call", "--json=short", "com.brovik.velmdaemon", "/com/brovik/velmdaemon",
+                                 *INTROSPECT)
+    world.daemon.stop()
+    answers = {"com.brovik.XpcDaemonProtocol": daemon,
+               "com.brovik.XpcAgentProtocol": world.alice.run("bash", "-c", AGENT_ON_PRIVATE_BUS).splitlines()[-1]}
+    for name, answer in answers.items():
+        assert described(world, name) == interface_of(text_of(answer), name), f"{name} differs: {text_of(answer)}"
+
+
+def remove(world):
+    world.daemon.start()
+    world.apt("remove", "velmmonitord", "velmdaemon-sim")
+    for user in (world.alice, world.bob):
+        wait_until(lambda: user.agent_pid() == 0, f"{user.name}'s agent was stopped")
+        assert user.log_path().exists()
+    assert not world.daemon.is_active()
+    processes = set(world.container.programs())
+    assert not {"velmmonitord", "velmdaemon-sim"} & processes, processes
+
+
+def purge(world):
+    world.apt("purge", "velmmonitord", "velmdaemon-sim")
+    left = sorted(system_files(world.container) - world.files_before)
+    assert not left, "left behind: " + ", ".join(left)
+    for user in (world.alice, world.bob):
+        names = {path.name for path in user.log_path().parent.iterdir()}
+        assert all(name.startswith("velmmonitord.log") for name in names), names
+
+
+# What every package leaves there, and what running the system changes.
+NOT_OURS = ("proc", "sys", "dev", "run", "tmp", "home", "root", "var/tmp", "var/log", "var/cache", "var/lib/apt",
+            "var/lib/dpkg", "var/lib/systemd/random-seed", "var/lib/systemd/timers", "var/lib/systemd/coredump",
+            "var/lib/private", "etc/.pwd.lock", "etc/passwd-", "etc/shadow-", "etc/group-", "etc/gshadow-",
+            "etc/subuid-", "etc/subgid-", "etc/adjtime")
+
+
+def system_files(container):
+    """Every file of the system itself."""
+    found = set()
+    for directory, subdirectories, files in os.walk(container.root):
+        inside = os.path.relpath(directory, container.root)
+        subdirectories[:] = [d for d in subdirectories if os.path.normpath(f"{inside}/{d}") not in NOT_OURS]
+        found.update(os.path.normpath(f"{inside}/{name}") for name in subdirectories + files)
+    return {path for path in found if path not in NOT_OURS}
+
+
+def install_then_log_in(world):
+    marks = {user: user.log_mark() for user in (world.alice, world.bob)}
+    world.apt("install", *world.package_files("current"))
+    world.alices_session, world.bobs_session = world.alice.log_in(), world.bob.log_in()
+    for user, mark in marks.items():
+        user.wait_for_agent()
+        user.wait_for_messages(mark, "velmmonitord started")

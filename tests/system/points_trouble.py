@@ -1,0 +1,87 @@
+"""Full logs, full disks, homes that cannot be written."""
+
+from container import wait_until
+from users import UNIT, User
+
+ROTATION_SIZE = 6000000
+FAILURE = "[ERROR] Failed to create or open log file at path = "
+
+
+def points(report, world):
+    report.check("an agent that crashed is started again, and links again", crash, world)
+    report.check("a full log becomes a backup with the same owner and mode", rotation, world)
+    report.check("a home that cannot be written: one line in the system log, and the agent works", read_only_home,
+                 world)
+    report.check("a full disk at start: the agent works without its log", full_disk, world)
+    report.check("a log directory that its user made is left as it is", own_log_directory, world)
+
+
+def crash(world):
+    pid, mark = world.bob.agent_pid(), world.bob.log_mark()
+    world.bob.systemctl("kill", "--signal=SEGV", UNIT)
+    world.bob.wait_for_agent(other_than=pid)
+    world.bob.wait_for_messages(mark, "velmmonitord started", "Monitor launcher: connected came")
+
+
+def rotation(world):
+    alice = world.alice
+    alice.systemctl("stop", UNIT)
+    filler = b"x" * 99 + b"\n"
+    with open(alice.log_path(), "ab") as log:
+        while log.tell() <= ROTATION_SIZE - len(filler):
+            log.write(filler)
+    full = alice.log_path().read_bytes()
+    alice.systemctl("start", UNIT)
+    alice.wait_for_messages(0, "Monitor launcher: connected came")
+    backup = alice.log_path("1")
+    wait_until(backup.exists, "the backup was made")
+    assert backup.read_bytes().startswith(full), "the backup is not what the log was"
+    assert alice.log_path().stat().st_size < 100000
+    for path in (alice.log_path(), backup):
+        assert alice.ownership(path) == f"{alice.uid}:{alice.uid} 0600", (path, alice.ownership(path))
+
+
+def linked_quietly(world, user, since):
+    """The agent runs since its first start and has reported to the daemon."""
+    user.wait_for_agent()
+    world.daemon.wait_for(user, since, "connect")
+    assert user.systemctl("show", "--property=NRestarts", "--value", UNIT).strip() == "0"
+
+
+def read_only_home(world):
+    carol = User(world.container, "carol")
+    world.container.run("chown", "root:root", "/home/carol")
+    since = world.daemon.mark()
+    session = carol.log_in()
+    linked_quietly(world, carol, since)
+    assert not carol.log_path().exists()
+    lines = [line for line in world.container.journal("--identifier=velmmonitord") if "carol" in line]
+    assert lines == [FAILURE + "/home/carol/Library/Logs/velmmonitord.log"], lines
+    session.logout()
+
+
+def full_disk(world):
+    dave = User(world.container, "dave")
+    world.container.run("mount", "-t", "tmpfs", "-o", f"size=64k,mode=0755,uid={dave.uid},gid={dave.uid}", "tmpfs",
+                        "/home/dave")
+    world.container.run("dd", "if=/dev/zero", "of=/home/dave/filler", "bs=4k", user=dave, check=False)
+    since = world.daemon.mark()
+    session = dave.log_in()
+    linked_quietly(world, dave, since)
+    size = dave.run("sh", "-c", "stat -c %s ~/Library/Logs/velmmonitord.log 2>/dev/null || echo none").strip()
+    assert size in ("0", "none"), size
+    session.logout()
+
+
+def own_log_directory(world):
+    erin = User(world.container, "erin")
+    directory = erin.log_path().parent
+    directory.mkdir(parents=True)
+    world.container.run("chown", "-R", "erin:erin", "/home/erin/Library")
+    directory.chmod(0o755)
+    session = erin.log_in()
+    erin.wait_for_agent()
+    erin.wait_for_messages(0, "velmmonitord started")
+    assert erin.ownership(directory) == f"{erin.uid}:{erin.uid} 0755", erin.ownership(directory)
+    assert erin.ownership(erin.log_path()) == f"{erin.uid}:{erin.uid} 0600"
+    session.logout()

@@ -1,0 +1,36 @@
+"""One line for each point that was shown."""
+
+import time
+import traceback
+
+
+class Report:
+    def __init__(self):
+        self._began = time.monotonic()
+        self.shown = 0
+        self.failed = 0
+
+    def check(self, description, function, *arguments):
+        """Runs one point; its result, if any, is a detail for the line. A point that fails ends only itself."""
+        start = time.monotonic()
+        try:
+            detail = function(*arguments)
+            verdict = "ok"
+            self.shown += 1
+        except Exception as error:  # whatever a point stumbles over, the others still run
+            detail = None
+            verdict = "FAILED"
+            self.failed += 1
+            failure = str(error) if isinstance(error, AssertionError) and str(error) else traceback.format_exc()
+        suffix = f" ({detail})" if detail else ""
+        print(f"{verdict:6} {time.monotonic() - start:6.1f} s  {description}{suffix}", flush=True)
+        if verdict == "FAILED":
+            for line in failure.rstrip().splitlines():
+                print(f"       | {line}", flush=True)
+
+    def close(self):
+        """Prints the verdict; true if every point was shown."""
+        verdict = "FAILED" if self.failed or not self.shown else "ok"
+        print(f"{verdict:6} {time.monotonic() - self._began:6.1f} s  the booted system: {self.shown} points shown, "
+              f"{self.failed} failed", flush=True)
+        return verdict == "ok"
