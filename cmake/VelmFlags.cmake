@@ -26,6 +26,9 @@ if(VELM_SANITIZE)
     target_compile_options(velm_flags INTERFACE -fsanitize=${VELM_SANITIZE} -fno-omit-frame-pointer
         -fno-sanitize-recover=all)
     target_link_options(velm_flags INTERFACE -fsanitize=${VELM_SANITIZE})
+    if(VELM_SANITIZE STREQUAL "thread")
+        target_sources(velm_flags INTERFACE "${PROJECT_SOURCE_DIR}/tests/support/TsanSuppressions.cpp")
+    endif()
 else()
     # FORTIFY needs optimisation and hides errors from the sanitizers.
     target_compile_options(velm_flags INTERFACE

@@ -43,8 +43,10 @@ public:
     void setMaxConcurrentOperationCount(int count) override { m_width = std::max(count, 1); }
 
     void addOperation(std::function<void()> operation) override {
-        m_operations->add(std::move(operation));
         startMissingThreads();
+        // The operation may release this queue, and be over, before adding it returns.
+        const std::shared_ptr<Operations> operations = m_operations;
+        operations->add(std::move(operation));
     }
 
 private:
