@@ -22,16 +22,17 @@ constexpr std::uint32_t lossOfDirectory = IN_MOVE_SELF | IN_DELETE_SELF;
 
 // tzset() takes the file for unchanged when inode and time of modification are the same in whole seconds. Had
 // it read a file in the second of a write, it would miss a later write of that second for good. So a file is
-// taken up only when the second of its modification is over; zero if that is so.
+// taken up only when no further write can have the time of its modification; zero or less if that is so.
 milliseconds untilModificationIsPast(std::time_t modified) {
+    // File times come from a clock that lags by up to a tick.
+    constexpr milliseconds lag{20};
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    if (modified != now.tv_sec) {
-        return milliseconds(0);
-    }
-    // File times come from a clock that may lag by a tick.
-    constexpr milliseconds lag{20};
-    return milliseconds(1000 - now.tv_nsec / 1000000) + lag;
+    const milliseconds sinceItsSecondBegan =
+        seconds(now.tv_sec - modified) + milliseconds(now.tv_nsec / 1000000);
+    // A time in the future says nothing about when the writing will be over.
+    const bool inTheFuture = sinceItsSecondBegan < milliseconds(0);
+    return inTheFuture ? milliseconds(0) : seconds(1) + lag - sinceItsSecondBegan;
 }
 
 }  // namespace
