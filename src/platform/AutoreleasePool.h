@@ -2,8 +2,8 @@
 
 namespace platform {
 
-/// A scope at whose end the platform releases the objects that its own calls handed out inside. Belongs to one
-/// thread, and scopes nest. Does nothing where the platform has no such objects.
+/// A scope at whose end the platform releases the objects that its own calls handed out inside. Belongs to
+/// one thread, and scopes nest. Does nothing where the platform has no such objects.
 class AutoreleasePool {
 public:
     AutoreleasePool() noexcept;

@@ -5,8 +5,8 @@
 
 namespace platform {
 
-/// The path of `component` inside the user's home directory as UTF-8 bytes, or nothing where the platform cannot
-/// give it. Touches no file. Any thread.
+/// The path of `component` inside the user's home directory as UTF-8 bytes, or nothing where the platform
+/// cannot give it. Touches no file. Any thread.
 std::optional<std::string> pathInHomeDirectory(const std::string& component);
 
 }  // namespace platform

@@ -5,12 +5,13 @@
 
 namespace platform {
 
-/// A queue of operations that run on threads of its own, in the order in which they were added, with the operations
-/// of NSOperationQueue under its names.
+/// A queue of operations that run on threads of its own, in the order in which they were added, with the
+/// operations of NSOperationQueue under its names.
 ///
-/// It accepts without bound, on any thread, from its own operations too. What was added still runs after the queue
-/// was released, and releasing it never waits: the last reference may be dropped inside one of its operations.
-/// Operations must not throw. Once the main run loop has returned, nothing more runs and what is added is dropped.
+/// It accepts without bound, on any thread, from its own operations too. What was added still runs after the
+/// queue was released, and releasing it never waits: the last reference may be dropped inside one of its
+/// operations. Operations must not throw. Once the main run loop has returned, nothing more runs and what is
+/// added is dropped.
 class IOperationQueue {
 public:
     virtual ~IOperationQueue() = default;

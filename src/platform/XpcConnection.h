@@ -15,17 +15,18 @@ inline constexpr XpcConnectionOptions xpcConnectionPrivileged = 4096;
 
 /// A two-way link to a named service, with the operations of NSXPCConnection under its names.
 ///
-/// Life: created, set up by the four setters, resumed once, released. The link is used only after `resume`; what is
-/// sent before is lost. A connection keeps its exported object alive for as long as it exists itself.
+/// Life: created, set up by the four setters, resumed once, released. The link is used only after `resume`;
+/// what is sent before is lost. A connection keeps its exported object alive for as long as it exists itself.
 ///
 /// What it promises:
 /// - Releasing a connection calls no handler. Each handler is called at most once. After an interruption was
 ///   reported, the same connection reports no invalidation.
 /// - `resume` never reports a loss: a service that cannot be reached shows only once a message was sent, and
 ///   losses are never reported twice within a second.
-/// - Handlers, replies and calls to the exported object run one at a time, in order, on the connection's private
-///   thread, with no lock of the connection held. A handler may replace or clear itself, release the connection,
-///   or wait for another thread that is sending.
+/// - Handlers, replies and calls to the exported object run one at a time, in order, on the connection's
+/// private
+///   thread, with no lock of the connection held. A handler may replace or clear itself, release the
+///   connection, or wait for another thread that is sending.
 /// - Every operation may be called on any thread.
 class IXpcConnection {
 public:
@@ -45,12 +46,13 @@ public:
     virtual void setInvalidationHandler(Handler handler) = 0;
     /// Starts the link. Returns at once and reports nothing.
     virtual void resume() = 0;
-    /// The daemon's side of the link: never null, valid for as long as it is held, also after the connection itself
-    /// was released (messages are lost then).
+    /// The daemon's side of the link: never null, valid for as long as it is held, also after the connection
+    /// itself was released (messages are lost then).
     virtual std::shared_ptr<XpcDaemonProtocol> remoteObjectProxy() = 0;
 };
 
 /// A new connection to the service `serviceName`, not yet resumed. Never null.
-std::shared_ptr<IXpcConnection> createXpcConnection(const std::string& serviceName, XpcConnectionOptions options);
+std::shared_ptr<IXpcConnection> createXpcConnection(const std::string& serviceName,
+                                                    XpcConnectionOptions options);
 
 }  // namespace platform

@@ -8,12 +8,12 @@
 #include <string_view>
 #include <variant>
 
-// The wire contract between the agent and the management daemon: two protocols, each as an abstract class (how
-// this program calls and is called) and as a table (what the wire is made from). Both say the same thing in the
-// same order; adding a method means adding it to both.
+// The wire contract between the agent and the management daemon: two protocols, each as an abstract class
+// (how this program calls and is called) and as a table (what the wire is made from). Both say the same thing
+// in the same order; adding a method means adding it to both.
 
-/// Raw bytes in a message, without framing. Refers to memory of the sender or the receiver of a call and is valid
-/// only while that call runs. `bytes` may be null when `length` is 0.
+/// Raw bytes in a message, without framing. Refers to memory of the sender or the receiver of a call and is
+/// valid only while that call runs. `bytes` may be null when `length` is 0.
 struct XpcData {
     const char* bytes = nullptr;
     std::size_t length = 0;  ///< in bytes
@@ -22,15 +22,16 @@ struct XpcData {
 /// A number in an answer, of whatever kind its sender chose.
 using XpcNumber = std::variant<bool, std::int64_t, std::uint64_t, double>;
 
-/// Answers to a call, called at most once, on the private thread of the connection that the call went out on; never
-/// called if no answer or an error comes back. Whatever they capture is released when the answer was delivered or
-/// the connection is gone.
+/// Answers to a call, called at most once, on the private thread of the connection that the call went out on;
+/// never called if no answer or an error comes back. Whatever they capture is released when the answer was
+/// delivered or the connection is gone.
 using XpcBoolReply = std::function<void(bool)>;
 using XpcNumberReply = std::function<void(XpcNumber)>;
 using XpcStringReply = std::function<void(const std::string&)>;
 
-/// What the daemon exports and the agent calls through a connection's remote object proxy. Every operation is safe
-/// on any thread, returns without waiting for the daemon, and never throws; a message that cannot be sent is lost.
+/// What the daemon exports and the agent calls through a connection's remote object proxy. Every operation is
+/// safe on any thread, returns without waiting for the daemon, and never throws; a message that cannot be
+/// sent is lost.
 class XpcDaemonProtocol {
 public:
     virtual ~XpcDaemonProtocol() = default;
@@ -50,8 +51,8 @@ public:
     virtual void requestForRmmMonitors() = 0;
 };
 
-/// What the agent exports and the daemon calls. The operations of one connection arrive one at a time, in the order
-/// in which the daemon sent them, on the connection's private thread.
+/// What the agent exports and the daemon calls. The operations of one connection arrive one at a time, in the
+/// order in which the daemon sent them, on the connection's private thread.
 class XpcAgentProtocol {
 public:
     virtual ~XpcAgentProtocol() = default;
@@ -66,8 +67,8 @@ public:
     /// Optional, and so without a need to be overridden; see respondsToSelector.
     virtual void rmmMessage(const XpcData& /*data*/) {}
 
-    /// Whether this object implements the optional method `selector`. A call of a method that it does not implement
-    /// is refused by the connection and never reaches it. Safe on any thread.
+    /// Whether this object implements the optional method `selector`. A call of a method that it does not
+    /// implement is refused by the connection and never reaches it. Safe on any thread.
     virtual bool respondsToSelector(std::string_view selector) const = 0;
 };
 
@@ -82,7 +83,8 @@ struct XpcMethod {
     static constexpr std::size_t maxArguments = 5;
 
     std::string_view selector;  ///< in full, with its colons; points to a null-terminated literal
-    std::array<XpcType, maxArguments> arguments;  ///< the first `argumentCount` count; the reply block does not
+    std::array<XpcType, maxArguments>
+        arguments;  ///< the first `argumentCount` count; the reply block does not
     std::size_t argumentCount;
     XpcReply reply;
     bool required;
@@ -114,7 +116,8 @@ namespace xpc_tables {
 
 template <typename... Types>
 constexpr XpcMethod method(bool required, std::string_view selector, XpcReply reply, Types... types) {
-    static_assert(sizeof...(types) <= XpcMethod::maxArguments, "a method has more arguments than the table holds");
+    static_assert(sizeof...(types) <= XpcMethod::maxArguments,
+                  "a method has more arguments than the table holds");
     return XpcMethod{selector, {types...}, sizeof...(types), reply, required};
 }
 
