@@ -40,10 +40,12 @@ def lock_and_unlock(world, user, session):
 
 def expect_lock_and_unlock(world, user, session, mark, since):
     session.set_locked_hint(True)
-    assert session.show("LockedHint") == "yes"
-    user.wait_for_messages(mark, *LOCKED)
-    world.daemon.wait_for(user, since, "onScreenLocked YES")
-    session.set_locked_hint(False)
+    try:
+        assert session.show("LockedHint") == "yes"
+        user.wait_for_messages(mark, *LOCKED)
+        world.daemon.wait_for(user, since, "onScreenLocked YES")
+    finally:
+        session.set_locked_hint(False)
     assert session.show("LockedHint") == "no"
     user.wait_for_messages(mark, *LOCKED, *UNLOCKED)
     world.daemon.wait_for(user, since, "onScreenLocked NO")

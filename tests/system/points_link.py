@@ -60,5 +60,9 @@ def daemon_crashes(world):
     marks = [(user, user.log_mark()) for user in (world.alice, world.bob)]
     pid = world.daemon.pid()
     world.container.run("systemctl", "kill", "--signal=KILL", UNIT)
-    wait_until(lambda: world.daemon.is_active() and world.daemon.pid() not in (0, pid), "systemd restarted the daemon")
-    return linked_after(world, marks, time.monotonic())
+    try:
+        wait_until(lambda: world.daemon.is_active() and world.daemon.pid() not in (0, pid),
+                   "systemd restarted the daemon")
+        return linked_after(world, marks, time.monotonic())
+    finally:
+        world.daemon.start()
