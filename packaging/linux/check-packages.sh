@@ -38,7 +38,7 @@ files_of() {
 
 scripts_of() {
     case $1 in
-        *.deb) dpkg-deb --ctrl-tarfile "$1" | tar -t | grep -oE '(pre|post)(inst|rm)' | sort ;;
+        *.deb) dpkg-deb --ctrl-tarfile "$1" | tar -t | { grep -oE '(pre|post)(inst|rm)' || :; } | sort ;;
         *.rpm) rpm -qp --scripts "$1" | grep -oE '^(pre|post)(un)?install' || : ;;
     esac | sed 's/^/script /'
 }
