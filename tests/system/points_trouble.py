@@ -32,9 +32,10 @@ def rotation(world):
             log.write(filler)
     full = alice.log_path().read_bytes()
     alice.systemctl("start", UNIT)
-    alice.wait_for_messages(0, "Monitor launcher: connected came")
     backup = alice.log_path("1")
-    wait_until(backup.exists, "the backup was made")
+    # It exists, empty, before the log is copied into it.
+    wait_until(lambda: backup.exists() and backup.stat().st_size >= len(full), "the backup was made")
+    alice.wait_for_messages(0, "Monitor launcher: connected came")
     assert backup.read_bytes().startswith(full), "the backup is not what the log was"
     assert alice.log_path().stat().st_size < 100000
     for path in (alice.log_path(), backup):
