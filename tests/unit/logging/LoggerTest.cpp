@@ -313,7 +313,7 @@ public:
     AnnouncesItsEnd() = default;
     ~AnnouncesItsEnd() override {
         constexpr const char* text = "destination released";
-        static_cast<void>(::write(STDERR_FILENO, text, std::strlen(text)));
+        EXPECT_GE(::write(STDERR_FILENO, text, std::strlen(text)), 0);
     }
     AnnouncesItsEnd(const AnnouncesItsEnd&) = delete;
     AnnouncesItsEnd& operator=(const AnnouncesItsEnd&) = delete;
