@@ -59,7 +59,7 @@ def daemon_returns(world):
 def daemon_crashes(world):
     marks = [(user, user.log_mark()) for user in (world.alice, world.bob)]
     pid = world.daemon.pid()
-    world.container.run("systemctl", "kill", "--signal=KILL", UNIT)
+    world.container.run("systemctl", "kill", "--kill-whom=main", "--signal=KILL", UNIT)
     try:
         wait_until(lambda: world.daemon.is_active() and world.daemon.pid() not in (0, pid),
                    "systemd restarted the daemon")

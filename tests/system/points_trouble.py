@@ -18,7 +18,7 @@ def points(report, world):
 
 def crash(world):
     pid, mark = world.bob.agent_pid(), world.bob.log_mark()
-    world.bob.systemctl("kill", "--signal=SEGV", UNIT)
+    world.bob.systemctl("kill", "--kill-whom=main", "--signal=SEGV", UNIT)
     world.bob.wait_for_agent(other_than=pid)
     world.bob.wait_for_messages(mark, "velmmonitord started", "Monitor launcher: connected came")
 
