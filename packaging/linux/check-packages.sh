@@ -97,14 +97,15 @@ programs_are_hardened() {
 
 # The debug symbols belong to this very build, and a debugger finds them.
 symbols_match() {
-    local package id
+    local package id sections
     for package in velmmonitord velmdaemon-sim; do
         rm -rf "$work/tree"
         dpkg-deb -x "$packages/${package}_"*.deb "$work/tree"
         dpkg-deb -x "$packages/$package-dbgsym_"*.deb "$work/tree"
         id=$(readelf -nW "$work/tree/usr/sbin/$package" | sed -n 's/.*Build ID: //p')
-        readelf -SW "$work/tree/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug" | grep -q '\.debug_info' ||
-            { echo "no symbols for $package, build $id"; return 1; }
+        # Read whole, not through a pipe that grep closes early.
+        sections=$(readelf -SW "$work/tree/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug")
+        has "$sections" '\.debug_info' "no symbols for $package, build $id" || return
     done
 }
 
