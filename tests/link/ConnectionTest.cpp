@@ -29,7 +29,6 @@ using link_tests::await;
 using link_tests::BusPeer;
 using link_tests::BusTarget;
 using link_tests::PrivateBus;
-using link_tests::Reply;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
@@ -500,6 +499,7 @@ TEST_F(ConnectionOnABus, SendingIsSafeFromManyThreads) {
     auto daemon = newDaemon();
     auto connection = resumed();
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] {
             for (int n = 0; n < 250; ++n) {
