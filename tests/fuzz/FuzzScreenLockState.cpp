@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "unit/platform/ScreenLockModel.h"
+#include "unit/platform/screenlock/ScreenLockModel.h"
 
 namespace {
 

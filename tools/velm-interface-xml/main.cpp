@@ -1,8 +1,8 @@
 #include <iostream>
 #include <string>
 
-#include "platform/linux/ProtocolVTable.h"
-#include "platform/linux/WireNames.h"
+#include "platform/linux/link/ProtocolVTable.h"
+#include "platform/linux/link/WireNames.h"
 
 int main(int argc, char** argv) {
     const std::string wanted = argc == 2 ? argv[1] : "";

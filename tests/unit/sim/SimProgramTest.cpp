@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/BusHandles.h"
-#include "platform/linux/ProtocolVTable.h"
-#include "platform/linux/WireNames.h"
+#include "platform/linux/bus/BusHandles.h"
+#include "platform/linux/link/ProtocolVTable.h"
+#include "platform/linux/link/WireNames.h"
 #include "unit/sim/Child.h"
 
 namespace {

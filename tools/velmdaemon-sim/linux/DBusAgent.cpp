@@ -3,7 +3,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/linux/WireNames.h"
+#include "platform/linux/link/WireNames.h"
 
 namespace sim {
 

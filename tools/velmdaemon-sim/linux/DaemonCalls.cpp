@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "linux/Handles.h"
-#include "platform/linux/ProtocolVTable.h"
+#include "platform/linux/link/ProtocolVTable.h"
 
 namespace sim {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "linux/DBusAgent.h"
 #include "linux/DaemonCalls.h"
-#include "platform/linux/WireNames.h"
+#include "platform/linux/link/WireNames.h"
 
 namespace sim {
 namespace {

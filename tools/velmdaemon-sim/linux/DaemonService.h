@@ -8,7 +8,7 @@
 #include "linux/Delays.h"
 #include "linux/Failure.h"
 #include "linux/Handles.h"
-#include "platform/linux/ProtocolVTable.h"
+#include "platform/linux/link/ProtocolVTable.h"
 
 namespace sim {
 

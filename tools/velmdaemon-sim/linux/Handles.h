@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "platform/linux/BusHandles.h"
+#include "platform/linux/bus/BusHandles.h"
 
 namespace sim {
 

@@ -1,0 +1,63 @@
+#include "platform/linux/bus/BusNameOwner.h"
+
+#include <utility>
+
+#include "platform/linux/bus/BusCallback.h"
+#include "platform/linux/process/OutHandle.h"
+
+namespace platform {
+namespace {
+
+constexpr const char* busName = "org.freedesktop.DBus";
+constexpr const char* busPath = "/org/freedesktop/DBus";
+
+std::string senderOf(sd_bus_message* message) {
+    const char* const sender = sd_bus_message_get_sender(message);
+    return sender == nullptr ? std::string() : sender;
+}
+
+}  // namespace
+
+BusNameOwner::BusNameOwner(sd_bus* bus, std::string name,
+                           std::function<void(const std::string& owner)> changed)
+    : m_name(std::move(name)), m_changed(std::move(changed)) {
+    const std::string rule = std::string("type='signal',sender='") + busName + "',path='" + busPath +
+                             "',interface='" + busName + "',member='NameOwnerChanged',arg0='" + m_name + "'";
+    // The match comes first, so that no change falls between the answer and the first signal.
+    sd_bus_add_match_async(bus, OutHandle(m_match), rule.c_str(),
+                           &busCallback<&BusNameOwner::ownerChanged, BusNameOwner>, nullptr, this);
+    sd_bus_call_method_async(bus, OutHandle(m_question), busName, busPath, busName, "GetNameOwner",
+                             &busCallback<&BusNameOwner::ownerAnswered, BusNameOwner>, this, "s",
+                             m_name.c_str());
+}
+
+bool BusNameOwner::sent(sd_bus_message* message) const {
+    return !m_owner.empty() && senderOf(message) == m_owner;
+}
+
+void BusNameOwner::ownerChanged(sd_bus_message* message) {
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* now = nullptr;
+    if (senderOf(message) == busName && sd_bus_message_read(message, "sss", &name, &before, &now) >= 0 &&
+        m_name == name) {
+        take(now);
+    }
+}
+
+void BusNameOwner::ownerAnswered(sd_bus_message* message) {
+    const char* owner = nullptr;
+    // The error answer is that nobody owns the name.
+    const bool owned = sd_bus_message_is_method_error(message, nullptr) == 0 &&
+                       sd_bus_message_read(message, "s", &owner) >= 0;
+    take(owned ? owner : "");
+}
+
+void BusNameOwner::take(const std::string& owner) {
+    if (owner != m_owner) {
+        m_owner = owner;
+        m_changed(m_owner);
+    }
+}
+
+}  // namespace platform

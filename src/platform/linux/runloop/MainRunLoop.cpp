@@ -1,0 +1,130 @@
+#include "platform/linux/runloop/MainRunLoop.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+
+#include <csignal>
+#include <ctime>
+#include <utility>
+
+#include "platform/NotificationCenter.h"
+#include "platform/linux/process/OutHandle.h"
+#include "platform/linux/runloop/EventHandles.h"
+#include "platform/linux/runloop/PrivateThreads.h"
+#include "platform/linux/screenlock/ScreenLockSource.h"
+#include "platform/linux/timezone/TimeZoneSource.h"
+
+namespace platform {
+namespace {
+
+void postScreenLock(bool locked) {
+    CFNotificationCenterPostNotification(
+        CFNotificationCenterGetDistributedCenter(),
+        locked ? CFSTR("com.apple.screenIsLocked") : CFSTR("com.apple.screenIsUnlocked"), nullptr, nullptr,
+        1);
+}
+
+void postTimeZoneChange() {
+    // localtime_r follows only after this, and observers may ask for the time.
+    tzset();
+    CFNotificationCenterPostNotification(CFNotificationCenterGetLocalCenter(),
+                                         kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr, nullptr, 1);
+}
+
+/// The loop with what ends it and what wakes it; false where the system has no descriptors left for it.
+class Loop {
+public:
+    bool open(int wakeUp, sd_event_io_handler_t tasksPosted, void* tasks) {
+        const bool made = sd_event_new(OutHandle(m_event)) >= 0;
+        return made && addSources(wakeUp, tasksPosted, tasks);
+    }
+    sd_event* get() const { return m_event.get(); }
+
+private:
+    // Without a handler, a signal's source ends the loop.
+    bool addSources(int wakeUp, sd_event_io_handler_t tasksPosted, void* tasks) {
+        sd_event* const loop = m_event.get();
+        return sd_event_add_signal(loop, OutHandle(m_terminate), SIGTERM, nullptr, nullptr) >= 0 &&
+               sd_event_add_signal(loop, OutHandle(m_interrupt), SIGINT, nullptr, nullptr) >= 0 &&
+               sd_event_add_io(loop, OutHandle(m_wakeUp), wakeUp, EPOLLIN, tasksPosted, tasks) >= 0;
+    }
+
+    LoopHandle m_event;
+    SourceHandle m_terminate;
+    SourceHandle m_interrupt;
+    SourceHandle m_wakeUp;
+};
+
+// The link and its log go on without a loop; only what the loop watches for is missing.
+void waitForEndingSignal() {
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGTERM);
+    sigaddset(&ending, SIGINT);
+    int signal = 0;
+    sigwait(&ending, &signal);
+}
+
+}  // namespace
+
+IRunLoop& mainRunLoop() {
+    return MainRunLoop::instance();
+}
+
+MainRunLoop& MainRunLoop::instance() {
+    static auto* const loop = new MainRunLoop;
+    return *loop;
+}
+
+MainRunLoop::MainRunLoop() : m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void MainRunLoop::run() {
+    runUntilAskedToEnd();
+    dropTasks();
+    PrivateThreads::instance().drain();
+}
+
+void MainRunLoop::post(std::function<void()> task) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_ended) {
+        return;
+    }
+    m_tasks.push_back(std::move(task));
+    // Fails only when the count is at its end, and then the loop is awake.
+    eventfd_write(m_wakeUp.get(), 1);
+}
+
+void MainRunLoop::runUntilAskedToEnd() {
+    Loop loop;
+    if (!loop.open(m_wakeUp.get(), &MainRunLoop::tasksPosted, this)) {
+        waitForEndingSignal();
+        return;
+    }
+    const ScreenLockSource screenLock(loop.get(), &postScreenLock);
+    const TimeZoneSource timeZone(loop.get(), "/etc", &postTimeZoneChange);
+    sd_event_loop(loop.get());
+}
+
+MainRunLoop::Tasks MainRunLoop::takeTasks() {
+    eventfd_t count = 0;
+    eventfd_read(m_wakeUp.get(), &count);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return std::exchange(m_tasks, {});
+}
+
+void MainRunLoop::dropTasks() {
+    Tasks dropped;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_ended = true;
+    dropped.swap(m_tasks);
+}
+
+int MainRunLoop::tasksPosted(sd_event_source* /*source*/, int /*descriptor*/, std::uint32_t /*events*/,
+                             void* self) noexcept {
+    for (const auto& task : static_cast<MainRunLoop*>(self)->takeTasks()) {
+        task();
+    }
+    return 0;
+}
+
+}  // namespace platform

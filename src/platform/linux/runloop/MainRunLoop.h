@@ -1,0 +1,49 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "platform/RunLoop.h"
+#include "platform/linux/process/FileDescriptor.h"
+#include "platform/linux/runloop/EventHandles.h"
+
+namespace platform {
+
+/// The main run loop: an sd-event loop that ends on SIGTERM or SIGINT, which prepareProcess() has blocked.
+///
+/// Runs once in the life of the process. An exception that leaves a posted task ends the process, as there is
+/// nobody to catch it.
+class MainRunLoop final : public IRunLoop {
+public:
+    /// Lives until the process ends.
+    static MainRunLoop& instance();
+    ~MainRunLoop() override = default;
+    MainRunLoop(const MainRunLoop&) = delete;
+    MainRunLoop& operator=(const MainRunLoop&) = delete;
+
+    void run() override;
+
+    /// Has `task` run on the loop's thread after the tasks posted before it; kept until the loop runs,
+    /// dropped once it has ended. Any thread; never blocks on the loop.
+    void post(std::function<void()> task);
+
+private:
+    using Tasks = std::vector<std::function<void()>>;
+
+    MainRunLoop();
+
+    void runUntilAskedToEnd();
+    Tasks takeTasks();
+    void dropTasks();
+    static int tasksPosted(sd_event_source* source, int descriptor, std::uint32_t events,
+                           void* self) noexcept;
+
+    FileDescriptor m_wakeUp;
+    std::mutex m_mutex;
+    Tasks m_tasks;
+    bool m_ended = false;
+};
+
+}  // namespace platform

@@ -1,0 +1,33 @@
+#include "platform/LossPacing.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using platform::LossPacing;
+using std::chrono::milliseconds;
+
+const LossPacing::Clock::time_point start{std::chrono::hours(1)};
+
+TEST(LossPacing, LetsTheFirstReportThroughAtOnce) {
+    LossPacing pacing;
+    EXPECT_EQ(pacing.acquire(start), milliseconds(0));
+}
+
+TEST(LossPacing, HoldsTheNextReportBackUntilASecondHasPassed) {
+    LossPacing pacing;
+    pacing.acquire(start);
+    EXPECT_EQ(pacing.acquire(start + milliseconds(1)), milliseconds(999));
+    EXPECT_EQ(pacing.acquire(start + milliseconds(999)), milliseconds(1));
+    EXPECT_EQ(pacing.acquire(start + milliseconds(1000)), milliseconds(0));
+}
+
+TEST(LossPacing, AskingTooEarlyDoesNotPutTheNextReportOff) {
+    LossPacing pacing;
+    pacing.acquire(start);
+    pacing.acquire(start + milliseconds(900));
+    EXPECT_EQ(pacing.acquire(start + milliseconds(1000)), milliseconds(0));
+    EXPECT_EQ(pacing.acquire(start + milliseconds(1100)), milliseconds(900));
+}
+
+}  // namespace

@@ -1,0 +1,115 @@
+#include "platform/linux/bus/BusConnection.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <vector>
+
+#include "unit/platform/bus/PrivateBus.h"
+#include "unit/platform/runloop/LoopFixture.h"
+#include "unit/platform/screenlock/FakeLogind.h"
+
+namespace {
+
+using platform::Backoff;
+using platform::BusConnection;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+// BusConnection takes a plain function, as the library's are.
+std::vector<steady_clock::time_point> attempts;
+int errorOfOpening = 0;
+std::string addressOfBus;
+
+int openBus(sd_bus** bus) {
+    attempts.push_back(steady_clock::now());
+    if (errorOfOpening < 0) {
+        return errorOfOpening;
+    }
+    int error = sd_bus_new(bus);
+    if (error >= 0) {
+        error = sd_bus_set_address(*bus, addressOfBus.c_str());
+    }
+    if (error >= 0) {
+        error = sd_bus_set_bus_client(*bus, 1);
+    }
+    return error < 0 ? error : sd_bus_start(*bus);
+}
+
+class BusConnectionTest : public LoopFixture {
+protected:
+    void SetUp() override {
+        attempts.clear();
+        errorOfOpening = 0;
+        addressOfBus = m_bus.address();
+    }
+    bool waitForAttempts(std::size_t count) const {
+        return runUntil([count] { return attempts.size() >= count; });
+    }
+    static milliseconds between(std::size_t one, std::size_t other) {
+        return std::chrono::duration_cast<milliseconds>(attempts.at(other) - attempts.at(one));
+    }
+
+    PrivateBus m_bus;
+    int m_opened = 0;
+    int m_lost = 0;
+    BusConnection m_connection{loop(),
+                               &openBus,
+                               Backoff(milliseconds(40), milliseconds(160)),
+                               {[this](sd_bus*) { ++m_opened; }, [this] { ++m_lost; }}};
+};
+
+TEST_F(BusConnectionTest, TriesAgainWithGrowingDelays) {
+    errorOfOpening = -ECONNREFUSED;
+    m_connection.start();
+    ASSERT_TRUE(waitForAttempts(5));
+    EXPECT_GE(between(0, 1), milliseconds(40));
+    EXPECT_GE(between(1, 2), milliseconds(80));
+    EXPECT_GE(between(2, 3), milliseconds(160));
+    EXPECT_GE(between(3, 4), milliseconds(160));
+    EXPECT_EQ(m_opened, 0);
+    EXPECT_EQ(m_lost, 0);
+}
+
+TEST_F(BusConnectionTest, NeverTriesAgainWhereNoBusIsNamed) {
+    for (const int error : {-ENOMEDIUM, -ENXIO}) {
+        errorOfOpening = error;
+        attempts.clear();
+        m_connection.start();
+        runFor(milliseconds(400));
+        EXPECT_EQ(attempts.size(), 1U);
+    }
+}
+
+TEST_F(BusConnectionTest, TellsOfEachLossAndOpensAgain) {
+    m_bus.start();
+    m_connection.start();
+    EXPECT_EQ(m_opened, 1);
+    m_bus.stop();
+    ASSERT_TRUE(runUntil([this] { return m_lost == 1; }));
+    m_bus.start();
+    ASSERT_TRUE(runUntil([this] { return m_opened >= 2; }));
+    EXPECT_EQ(m_lost, m_opened - 1);
+}
+
+TEST_F(BusConnectionTest, StartsOverWithTheDelaysAfterABusThatAnswered) {
+    BusConnection connection(loop(), &openBus, Backoff(milliseconds(20), milliseconds(1000)),
+                             {[this](sd_bus*) { ++m_opened; }, [this] { ++m_lost; }});
+    errorOfOpening = -ECONNREFUSED;
+    connection.start();
+    ASSERT_TRUE(waitForAttempts(7));
+    m_bus.start();
+    errorOfOpening = 0;
+    ASSERT_TRUE(runUntil([this] { return m_opened == 1; }));
+    runFor(milliseconds(200));
+    m_bus.stop();
+    errorOfOpening = -ECONNREFUSED;
+    ASSERT_TRUE(runUntil([this] { return m_lost == 1; }));
+    const std::size_t before = attempts.size();
+    ASSERT_TRUE(waitForAttempts(before + 4));
+    // 40 ms, 80 ms and 160 ms; without starting over it would be 1000 ms each time.
+    EXPECT_LT(between(before, before + 3), milliseconds(3000));
+}
+
+}  // namespace

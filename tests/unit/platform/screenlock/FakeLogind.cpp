@@ -1,0 +1,132 @@
+#include "unit/platform/screenlock/FakeLogind.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "platform/linux/process/OutHandle.h"
+
+namespace {
+
+constexpr const char* service = "org.freedesktop.login1";
+constexpr const char* managerPath = "/org/freedesktop/login1";
+constexpr const char* managerInterface = "org.freedesktop.login1.Manager";
+constexpr const char* sessionInterface = "org.freedesktop.login1.Session";
+constexpr const char* propertiesInterface = "org.freedesktop.DBus.Properties";
+
+void check(int result, const char* what) {
+    if (result < 0) {
+        throw std::runtime_error(what);
+    }
+}
+
+}  // namespace
+
+platform::BusHandle connectTo(const std::string& address) {
+    platform::BusHandle bus;
+    check(sd_bus_new(platform::OutHandle(bus)), "new");
+    check(sd_bus_set_address(bus.get(), address.c_str()), "address");
+    check(sd_bus_set_bus_client(bus.get(), 1), "client");
+    check(sd_bus_start(bus.get()), "start");
+    const char* name = nullptr;
+    check(sd_bus_get_unique_name(bus.get(), &name), "connect");
+    return bus;
+}
+
+FakeLogind::FakeLogind(sd_event* loop, const std::string& address) : m_bus(connectTo(address)) {
+    check(sd_bus_add_filter(m_bus.get(), platform::OutHandle(m_filter), &FakeLogind::called, this), "filter");
+    check(sd_bus_request_name(m_bus.get(), service, 0), "name");
+    check(sd_bus_attach_event(m_bus.get(), loop, SD_EVENT_PRIORITY_NORMAL), "attach");
+}
+
+void FakeLogind::add(const std::string& session, const FakeSession& value) {
+    have(session, value);
+    sd_bus_emit_signal(m_bus.get(), managerPath, managerInterface, "SessionNew", "so", session.c_str(),
+                       path(session).c_str());
+}
+
+void FakeLogind::remove(const std::string& session) {
+    m_sessions.erase(session);
+    sd_bus_emit_signal(m_bus.get(), managerPath, managerInterface, "SessionRemoved", "so", session.c_str(),
+                       path(session).c_str());
+}
+
+void FakeLogind::setHint(const std::string& session, bool locked) {
+    if (std::exchange(m_sessions.at(session).locked, locked) != locked) {
+        sd_bus_emit_signal(m_bus.get(), path(session).c_str(), propertiesInterface, "PropertiesChanged",
+                           "sa{sv}as", sessionInterface, 2, "IdleHint", "b", 0, "LockedHint", "b",
+                           static_cast<int>(locked), 0);
+    }
+}
+
+void FakeLogind::invalidateHint(const std::string& session, bool locked) {
+    m_sessions.at(session).locked = locked;
+    sd_bus_emit_signal(m_bus.get(), path(session).c_str(), propertiesInterface, "PropertiesChanged",
+                       "sa{sv}as", sessionInterface, 0, 2, "IdleHint", "LockedHint");
+}
+
+void FakeLogind::releaseName() {
+    check(sd_bus_release_name(m_bus.get(), service), "release");
+}
+
+void FakeLogind::answerHeld() {
+    m_holding = false;
+    for (const platform::MessageHandle& call : std::exchange(m_held, {})) {
+        answer(call.get());
+    }
+}
+
+int FakeLogind::called(sd_bus_message* call, void* self, sd_bus_error* /*error*/) {
+    auto* const logind = static_cast<FakeLogind*>(self);
+    if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) {
+        return 0;
+    }
+    logind->m_asker = sd_bus_message_get_sender(call);
+    const bool asksForList = sd_bus_message_is_method_call(call, managerInterface, "ListSessions") > 0;
+    ++(asksForList ? logind->m_listsAsked : logind->m_sessionsAsked);
+    if (logind->m_holding) {
+        logind->m_held.emplace_back(sd_bus_message_ref(call));
+    } else {
+        logind->answer(call);
+    }
+    return 1;
+}
+
+void FakeLogind::answer(sd_bus_message* call) {
+    if (sd_bus_message_is_method_call(call, managerInterface, "ListSessions") > 0) {
+        answerList(call);
+    } else {
+        answerSession(call);
+    }
+}
+
+void FakeLogind::answerList(sd_bus_message* call) {
+    platform::MessageHandle reply;
+    sd_bus_message_new_method_return(call, platform::OutHandle(reply));
+    sd_bus_message_open_container(reply.get(), 'a', "(susso)");
+    for (const auto& [name, session] : m_sessions) {
+        sd_bus_message_append(reply.get(), "(susso)", name.c_str(), session.user, "somebody", "seat0",
+                              path(name).c_str());
+    }
+    sd_bus_message_close_container(reply.get());
+    sd_bus_send(m_bus.get(), reply.get(), nullptr);
+}
+
+void FakeLogind::answerSession(sd_bus_message* call) {
+    const std::string called = sd_bus_message_get_path(call);
+    const auto found = m_sessions.find(called.substr(called.rfind('/') + 1));
+    if (found == m_sessions.end()) {
+        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_OBJECT, "no such session");
+        return;
+    }
+    platform::MessageHandle reply;
+    sd_bus_message_new_method_return(call, platform::OutHandle(reply));
+    if (m_fill) {
+        m_fill(reply.get());
+    } else {
+        const FakeSession& session = found->second;
+        sd_bus_message_append(reply.get(), "a{sv}", 5, "Id", "s", found->first.c_str(), "User", "(uo)",
+                              session.user, "/org/freedesktop/login1/user/_0", "Type", "s", "tty", "Class",
+                              "s", session.kind.c_str(), "LockedHint", "b", static_cast<int>(session.locked));
+    }
+    sd_bus_send(m_bus.get(), reply.get(), nullptr);
+}

@@ -1,0 +1,491 @@
+#include "platform/linux/screenlock/ScreenLockSource.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/linux/process/OutHandle.h"
+#include "unit/platform/bus/PrivateBus.h"
+#include "unit/platform/runloop/LoopFixture.h"
+#include "unit/platform/screenlock/FakeLogind.h"
+
+namespace {
+
+using platform::ScreenLockSource;
+using testing::ElementsAre;
+using Reports = std::vector<bool>;
+
+FakeSession ownSession(bool locked = false) {
+    return {getuid(), "user", locked};
+}
+FakeSession othersSession() {
+    return {getuid() + 1, "user", false};
+}
+FakeSession ownSessionOf(const char* kind) {
+    return {getuid(), kind, false};
+}
+
+/// A screen saver that owns its name on the session bus, and answers GetActive.
+class FakeSaver {
+public:
+    FakeSaver(sd_event* loop, const std::string& address, std::string name, bool active)
+        : m_bus(connectTo(address)), m_name(std::move(name)), m_active(active) {
+        sd_bus_add_filter(m_bus.get(), nullptr, &FakeSaver::called, this);
+        sd_bus_request_name(m_bus.get(), m_name.c_str(), 0);
+        sd_bus_attach_event(m_bus.get(), loop, SD_EVENT_PRIORITY_NORMAL);
+    }
+
+    void setActive(bool active) {
+        m_active = active;
+        sd_bus_emit_signal(m_bus.get(), "/org/xfce/ScreenSaver", m_name.c_str(), "ActiveChanged", "b",
+                           static_cast<int>(active));
+    }
+    void refuse() { m_refuses = true; }
+    int asked() const { return m_asked; }
+
+    /// The unique name of the one that asks.
+    const std::string& asker() const { return m_asker; }
+
+private:
+    static int called(sd_bus_message* call, void* self, sd_bus_error* /*error*/) {
+        auto* const saver = static_cast<FakeSaver*>(self);
+        if (sd_bus_message_is_method_call(call, saver->m_name.c_str(), "GetActive") <= 0) {
+            return 0;
+        }
+        ++saver->m_asked;
+        saver->m_asker = sd_bus_message_get_sender(call);
+        if (saver->m_refuses) {
+            sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "refused");
+        } else {
+            sd_bus_reply_method_return(call, "b", static_cast<int>(saver->m_active));
+        }
+        return 1;
+    }
+
+    platform::BusHandle m_bus;
+    std::string m_name;
+    bool m_active;
+    bool m_refuses = false;
+    int m_asked = 0;
+    std::string m_asker;
+};
+
+class ScreenLockSourceTest : public LoopFixture {
+protected:
+    void SetUp() override {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", m_systemBus.address().c_str(), 1);
+        setenv("DBUS_SESSION_BUS_ADDRESS", m_sessionBus.address().c_str(), 1);
+    }
+
+    void startLogind() {
+        m_systemBus.start();
+        m_logind = std::make_unique<FakeLogind>(loop(), m_systemBus.address());
+    }
+    void startSource() {
+        m_source =
+            std::make_unique<ScreenLockSource>(loop(), [this](bool locked) { m_reports.push_back(locked); });
+    }
+    /// Starts with one own session, "s1", and waits until it is known.
+    void startWithOneSession() {
+        startLogind();
+        m_logind->have("s1", ownSession());
+        startSource();
+        ASSERT_TRUE(waitForQuestions(1));
+    }
+    bool waitForQuestions(int count) {
+        return runUntil([this, count] { return m_logind->sessionsAsked() >= count; });
+    }
+    bool waitForReports(std::size_t count) {
+        return runUntil([this, count] { return m_reports.size() >= count; });
+    }
+    /// Locks and unlocks "s1" and waits for both reports: whatever was sent before was handled then.
+    void lockAndUnlock() {
+        const std::size_t before = m_reports.size();
+        m_logind->setHint("s1", true);
+        m_logind->setHint("s1", false);
+        EXPECT_TRUE(waitForReports(before + 2));
+    }
+
+    PrivateBus m_systemBus;
+    PrivateBus m_sessionBus;
+    std::unique_ptr<FakeLogind> m_logind;
+    Reports m_reports;
+    std::unique_ptr<ScreenLockSource> m_source;
+};
+
+TEST_F(ScreenLockSourceTest, ReportsTheEdgesOfAnOwnSession) {
+    startWithOneSession();
+    lockAndUnlock();
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false, true, false));
+}
+
+TEST_F(ScreenLockSourceTest, TakesOverSilentlyASessionThatIsLockedAtStart) {
+    startLogind();
+    m_logind->have("s1", ownSession(true));
+    startSource();
+    ASSERT_TRUE(waitForQuestions(1));
+    m_logind->setHint("s1", false);
+    EXPECT_TRUE(waitForReports(1));
+    EXPECT_THAT(m_reports, ElementsAre(false));
+}
+
+TEST_F(ScreenLockSourceTest, IgnoresSessionsOfOtherUsersAndWithoutAScreen) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    m_logind->have("s2", othersSession());
+    m_logind->have("s3", ownSessionOf("manager"));
+    m_logind->have("s4", ownSessionOf("background"));
+    startSource();
+    ASSERT_TRUE(waitForQuestions(4));
+    for (const char* session : {"s2", "s3", "s4"}) {
+        m_logind->setHint(session, true);
+    }
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockSourceTest, FollowsEveryClassThatCanBeLocked) {
+    startWithOneSession();
+    int asked = 1;
+    for (const char* kind : {"user", "user-early", "user-light", "user-light-early"}) {
+        m_reports.clear();
+        const std::string session = "n" + std::to_string(asked);
+        m_logind->add(session, ownSessionOf(kind));
+        ASSERT_TRUE(waitForQuestions(++asked));
+        m_logind->setHint(session, true);
+        m_logind->setHint(session, false);
+        EXPECT_TRUE(waitForReports(2)) << kind;
+    }
+}
+
+TEST_F(ScreenLockSourceTest, FollowsASessionThatAppearsLater) {
+    startWithOneSession();
+    m_logind->add("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    m_logind->setHint("s2", true);
+    EXPECT_TRUE(waitForReports(1));
+    m_logind->setHint("s2", false);
+    EXPECT_TRUE(waitForReports(2));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockSourceTest, ReportsNothingForASessionRemovedWhileLocked) {
+    startWithOneSession();
+    m_logind->add("s2", ownSession());
+    m_logind->setHint("s2", true);
+    ASSERT_TRUE(waitForReports(1));
+    m_logind->remove("s2");
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, true, false));
+}
+
+TEST_F(ScreenLockSourceTest, LosesNoChangeThatComesBeforeTheFirstAnswer) {
+    startWithOneSession();
+    m_logind->holdAnswers();
+    m_logind->add("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    m_logind->setHint("s2", true);
+    m_logind->answerHeld();
+    EXPECT_TRUE(waitForReports(1));
+    EXPECT_THAT(m_reports, ElementsAre(true));
+}
+
+TEST_F(ScreenLockSourceTest, LosesNoChangeThatComesBeforeTheListOfSessions) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    m_logind->holdAnswers();
+    startSource();
+    ASSERT_TRUE(runUntil([this] { return m_logind->listsAsked() == 1; }));
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForQuestions(1));
+    m_logind->answerHeld();
+    EXPECT_TRUE(waitForReports(1));
+    EXPECT_THAT(m_reports, ElementsAre(true));
+}
+
+TEST_F(ScreenLockSourceTest, ReadsAgainAHintThatIsOnlyInvalidated) {
+    startWithOneSession();
+    m_logind->invalidateHint("s1", true);
+    EXPECT_TRUE(waitForReports(1));
+    m_logind->invalidateHint("s1", false);
+    EXPECT_TRUE(waitForReports(2));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockSourceTest, TakesOverSilentlyWhatARestartedLogindSays) {
+    startWithOneSession();
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForReports(1));
+    m_logind.reset();
+    m_logind = std::make_unique<FakeLogind>(loop(), m_systemBus.address());
+    m_logind->have("s1", ownSession());
+    ASSERT_TRUE(waitForQuestions(1));
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, true, false));
+}
+
+TEST_F(ScreenLockSourceTest, IgnoresTheLateAnswersAndSignalsOfAnOlderLogind) {
+    startWithOneSession();
+    m_logind->holdAnswers();
+    m_logind->add("s2", ownSession(true));
+    ASSERT_TRUE(waitForQuestions(2));
+    const auto older = std::move(m_logind);
+    older->releaseName();
+    m_logind = std::make_unique<FakeLogind>(loop(), m_systemBus.address());
+    m_logind->have("s1", ownSession());
+    m_logind->have("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    older->answerHeld();
+    older->setHint("s1", true);
+    sd_bus_flush(older->bus());
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+/// Sends a signal straight to one peer, whatever that peer listens to.
+template <typename... Values>
+void emitTo(sd_bus* bus, const std::string& peer, const std::string& path, const char* interface,
+            const char* member, const char* types, Values... values) {
+    platform::MessageHandle signal;
+    sd_bus_message_new_signal(bus, platform::OutHandle(signal), path.c_str(), interface, member);
+    sd_bus_message_append(signal.get(), types, values...);
+    sd_bus_send_to(bus, signal.get(), peer.c_str(), nullptr);
+}
+
+/// Returns when the bus has handed on everything that `bus` sent before.
+void roundTrip(sd_bus* bus) {
+    ASSERT_GE(sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                 "GetId", nullptr, nullptr, ""),
+              0);
+}
+
+TEST_F(ScreenLockSourceTest, IgnoresForgedHints) {
+    startWithOneSession();
+    m_logind->add("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    const auto forger = connectTo(m_systemBus.address());
+    emitTo(forger.get(), m_logind->asker(), FakeLogind::path("s2"), "org.freedesktop.DBus.Properties",
+           "PropertiesChanged", "sa{sv}as", "org.freedesktop.login1.Session", 1, "LockedHint", "b", 1, 0);
+    roundTrip(forger.get());
+    // Were "s2" taken for locked, the edges of "s1" would not show.
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockSourceTest, IgnoresForgedSessions) {
+    startWithOneSession();
+    const auto forger = connectTo(m_systemBus.address());
+    const char* const manager = "org.freedesktop.login1.Manager";
+    emitTo(forger.get(), m_logind->asker(), "/org/freedesktop/login1", manager, "SessionRemoved", "so", "s1",
+           FakeLogind::path("s1").c_str());
+    emitTo(forger.get(), m_logind->asker(), "/org/freedesktop/login1", manager, "SessionNew", "so", "s9",
+           FakeLogind::path("s9").c_str());
+    roundTrip(forger.get());
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+    EXPECT_EQ(m_logind->sessionsAsked(), 1);
+}
+
+TEST_F(ScreenLockSourceTest, IgnoresAForgedOwner) {
+    startWithOneSession();
+    const auto forger = connectTo(m_systemBus.address());
+    const char* forgersName = nullptr;
+    sd_bus_get_unique_name(forger.get(), &forgersName);
+    emitTo(forger.get(), m_logind->asker(), "/org/freedesktop/DBus", "org.freedesktop.DBus",
+           "NameOwnerChanged", "sss", "org.freedesktop.login1", "", forgersName);
+    emitTo(forger.get(), m_logind->asker(), FakeLogind::path("s1"), "org.freedesktop.DBus.Properties",
+           "PropertiesChanged", "sa{sv}as", "org.freedesktop.login1.Session", 1, "LockedHint", "b", 1, 0);
+    roundTrip(forger.get());
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+    EXPECT_EQ(m_logind->listsAsked(), 1);
+}
+
+TEST_F(ScreenLockSourceTest, IgnoresMalformedSignals) {
+    startWithOneSession();
+    sd_bus* const bus = m_logind->bus();
+    const std::string session = FakeLogind::path("s1");
+    const auto properties = [&](const char* types, auto... values) {
+        sd_bus_emit_signal(bus, session.c_str(), "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                           types, values...);
+    };
+    const char* const interface = "org.freedesktop.login1.Session";
+    properties("sa{sv}as", interface, 1, "LockedHint", "s", "true", 0);
+    properties("sa{sv}as", interface, 1, "LockedHint", "v", "b", 1, 0);
+    properties("sa{sv}as", interface, 2, "LockedHint", "b", 1, "User", "s", "me", 0);
+    properties("sa{sv}as", interface, 0, 0);
+    properties("sa{ss}as", interface, 1, "LockedHint", "true", 0);
+    properties("sa{sv}as", "org.freedesktop.login1.Other", 1, "LockedHint", "b", 1, 0);
+    properties("s", interface);
+    properties("u", 1);
+    properties("");
+    for (const char* member : {"SessionNew", "SessionRemoved"}) {
+        const char* const manager = "org.freedesktop.login1.Manager";
+        sd_bus_emit_signal(bus, "/org/freedesktop/login1", manager, member, "us", 1, "s1");
+        sd_bus_emit_signal(bus, "/org/freedesktop/login1", manager, member, "");
+    }
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockSourceTest, IgnoresMalformedAnswersAndAsksAgain) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    m_logind->answerWith(
+        [](sd_bus_message* reply) { sd_bus_message_append(reply, "a{sv}", 1, "User", "s", "me"); });
+    startSource();
+    ASSERT_TRUE(waitForQuestions(1));
+    m_logind->answerWith([](sd_bus_message* reply) { sd_bus_message_append(reply, "u", 7); });
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForQuestions(2));
+    m_logind->answerWith(nullptr);
+    m_logind->setHint("s1", false);
+    EXPECT_TRUE(waitForReports(1));
+    EXPECT_THAT(m_reports, ElementsAre(false));
+}
+
+TEST_F(ScreenLockSourceTest, ComesBackAfterTheBusWasLost) {
+    startWithOneSession();
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForReports(1));
+    m_logind.reset();
+    m_systemBus.stop();
+    runFor(std::chrono::milliseconds(1500));
+    startLogind();
+    m_logind->have("s1", ownSession());
+    ASSERT_TRUE(waitForQuestions(1));
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, true, false));
+}
+
+TEST_F(ScreenLockSourceTest, WaitsForABusAndALogindThatComeLater) {
+    startSource();
+    runFor(std::chrono::milliseconds(100));
+    m_systemBus.start();
+    runFor(std::chrono::milliseconds(1200));
+    m_logind = std::make_unique<FakeLogind>(loop(), m_systemBus.address());
+    m_logind->have("s1", ownSession());
+    ASSERT_TRUE(waitForQuestions(1));
+    lockAndUnlock();
+}
+
+class ScreenSaverTest : public ScreenLockSourceTest {
+protected:
+    void startSaver(const std::string& name, bool active = false) {
+        m_saver = std::make_unique<FakeSaver>(loop(), m_sessionBus.address(), name, active);
+    }
+    bool waitUntilAsked() {
+        return runUntil([this] { return m_saver->asked() > 0; });
+    }
+
+    std::unique_ptr<FakeSaver> m_saver;
+};
+
+TEST_F(ScreenSaverTest, IsReportedWhenItsDesktopKeepsNoHint) {
+    m_sessionBus.start();
+    startSource();
+    for (const char* name : {"org.mate.ScreenSaver", "org.cinnamon.ScreenSaver", "org.xfce.ScreenSaver"}) {
+        m_reports.clear();
+        startSaver(name);
+        ASSERT_TRUE(waitUntilAsked());
+        m_saver->setActive(true);
+        m_saver->setActive(true);
+        m_saver->setActive(false);
+        EXPECT_TRUE(waitForReports(2)) << name;
+        EXPECT_THAT(m_reports, ElementsAre(true, false)) << name;
+    }
+}
+
+TEST_F(ScreenSaverTest, IsTakenOverSilentlyWhenFoundActive) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver", true);
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(false);
+    EXPECT_TRUE(waitForReports(1));
+    EXPECT_THAT(m_reports, ElementsAre(false));
+}
+
+TEST_F(ScreenSaverTest, IsFollowedAlsoWhenItDoesNotAnswer) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    m_saver->refuse();
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    EXPECT_TRUE(waitForReports(1));
+    EXPECT_THAT(m_reports, ElementsAre(true));
+}
+
+TEST_F(ScreenSaverTest, IsBelievedOnlyWhenItOwnsTheName) {
+    m_sessionBus.start();
+    const FakeSaver other(loop(), m_sessionBus.address(), "org.xfce.ScreenSaver", false);
+    startSaver("org.mate.ScreenSaver");
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(runUntil([&other] { return other.asked() > 0; }));
+    const auto stranger = connectTo(m_sessionBus.address());
+    emitTo(stranger.get(), m_saver->asker(), "/org/xfce/ScreenSaver", "org.xfce.ScreenSaver", "ActiveChanged",
+           "b", 1);
+    roundTrip(stranger.get());
+    // Were the other saver taken for active, the edges of this one would not show.
+    m_saver->setActive(true);
+    m_saver->setActive(false);
+    EXPECT_TRUE(waitForReports(2));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenSaverTest, ReportsNothingWhenItVanishesWhileActive) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    ASSERT_TRUE(waitForReports(1));
+    m_saver.reset();
+    startSaver("org.mate.ScreenSaver");
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    EXPECT_TRUE(waitForReports(2));
+    EXPECT_THAT(m_reports, ElementsAre(true, true));
+}
+
+TEST_F(ScreenSaverTest, IsNotListenedToOnceAHintWasSeenSet) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    startWithOneSession();
+    ASSERT_TRUE(waitUntilAsked());
+    lockAndUnlock();
+    m_saver->setActive(true);
+    m_saver->setActive(false);
+    // The agent left the session bus: a saver that comes now is not even asked.
+    startSaver("org.xfce.ScreenSaver");
+    m_saver->setActive(true);
+    runFor(std::chrono::milliseconds(500));
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false, true, false));
+    EXPECT_EQ(m_saver->asked(), 0);
+}
+
+TEST_F(ScreenSaverTest, IsFollowedAgainAfterTheSessionBusWasLost) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver.reset();
+    m_sessionBus.stop();
+    runFor(std::chrono::milliseconds(300));
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    EXPECT_TRUE(waitForReports(1));
+}
+
+}  // namespace
