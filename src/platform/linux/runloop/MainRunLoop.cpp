@@ -4,32 +4,14 @@
 #include <sys/eventfd.h>
 
 #include <csignal>
-#include <ctime>
 #include <utility>
 
-#include "platform/NotificationCenter.h"
 #include "platform/linux/process/OutHandle.h"
 #include "platform/linux/runloop/EventHandles.h"
 #include "platform/linux/runloop/PrivateThreads.h"
-#include "platform/linux/screenlock/ScreenLockSource.h"
-#include "platform/linux/timezone/TimeZoneSource.h"
 
 namespace platform {
 namespace {
-
-void postScreenLock(bool locked) {
-    CFNotificationCenterPostNotification(
-        CFNotificationCenterGetDistributedCenter(),
-        locked ? CFSTR("com.apple.screenIsLocked") : CFSTR("com.apple.screenIsUnlocked"), nullptr, nullptr,
-        1);
-}
-
-void postTimeZoneChange() {
-    // localtime_r follows only after this, and observers may ask for the time.
-    tzset();
-    CFNotificationCenterPostNotification(CFNotificationCenterGetLocalCenter(),
-                                         kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr, nullptr, 1);
-}
 
 /// The loop with what ends it and what wakes it; false where the system has no descriptors left for it.
 class Loop {
@@ -67,16 +49,16 @@ void waitForEndingSignal() {
 
 }  // namespace
 
-IRunLoop& mainRunLoop() {
-    return MainRunLoop::instance();
-}
-
 MainRunLoop& MainRunLoop::instance() {
     static auto* const loop = new MainRunLoop;
     return *loop;
 }
 
 MainRunLoop::MainRunLoop() : m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+void MainRunLoop::setSources(MakeSources make) {
+    m_makeSources = std::move(make);
+}
 
 void MainRunLoop::run() {
     runUntilAskedToEnd();
@@ -100,8 +82,7 @@ void MainRunLoop::runUntilAskedToEnd() {
         waitForEndingSignal();
         return;
     }
-    const ScreenLockSource screenLock(loop.get(), &postScreenLock);
-    const TimeZoneSource timeZone(loop.get(), "/etc", &postTimeZoneChange);
+    const std::shared_ptr<void> sources = m_makeSources ? m_makeSources(loop.get()) : nullptr;
     sd_event_loop(loop.get());
 }
 

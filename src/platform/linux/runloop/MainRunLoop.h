@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -23,6 +24,11 @@ public:
     MainRunLoop(const MainRunLoop&) = delete;
     MainRunLoop& operator=(const MainRunLoop&) = delete;
 
+    /// Makes the objects that watch for events on the loop; what it returns is released before `run` returns.
+    using MakeSources = std::function<std::shared_ptr<void>(sd_event* loop)>;
+    /// Has `run` make its sources with `make`; the loop itself knows none. Before `run`, on the same thread.
+    void setSources(MakeSources make);
+
     void run() override;
 
     /// Has `task` run on the loop's thread after the tasks posted before it; kept until the loop runs,
@@ -40,6 +46,7 @@ private:
     static int tasksPosted(sd_event_source* source, int descriptor, std::uint32_t events,
                            void* self) noexcept;
 
+    MakeSources m_makeSources;
     FileDescriptor m_wakeUp;
     std::mutex m_mutex;
     Tasks m_tasks;
