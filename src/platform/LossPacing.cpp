@@ -1,5 +1,7 @@
 #include "platform/LossPacing.h"
 
+#include <algorithm>
+
 namespace platform {
 
 LossPacing& LossPacing::instance() {
@@ -7,13 +9,17 @@ LossPacing& LossPacing::instance() {
     return pacing;
 }
 
+void LossPacing::callDelivered(Clock::time_point now) {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_earliest = std::max(m_earliest, now + distanceToCalls);
+}
+
 LossPacing::Clock::duration LossPacing::acquire(Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_reported && now < m_lastReport + interval) {
-        return m_lastReport + interval - now;
+    if (now < m_earliest) {
+        return m_earliest - now;
     }
-    m_reported = true;
-    m_lastReport = now;
+    m_earliest = now + interval;
     return Clock::duration::zero();
 }
 

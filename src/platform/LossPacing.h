@@ -5,24 +5,31 @@
 
 namespace platform {
 
-/// Keeps the losses that connections report at least one second apart, over all connections of the process: a
-/// new connection follows each loss, so without this a bus that cannot be reached, or a service that comes
-/// and goes, would drive a hot loop of connecting and losing. Safe on any thread.
+/// Says when a connection may report its loss, over all connections of the process. Safe on any thread.
+///
+/// Losses are at least `interval` apart: a new connection follows each one, so without this a bus that cannot
+/// be reached, or a service that comes and goes, would drive a hot loop of connecting and losing. And a loss
+/// keeps `distanceToCalls` from the last call that was delivered: a call may be the confirmation that stops
+/// the reconnect timer, a loss starts it again, and a timer that is started while its task is still on the
+/// way out can miss the start.
 class LossPacing {
 public:
     using Clock = std::chrono::steady_clock;
     static constexpr std::chrono::milliseconds interval{1000};
+    static constexpr std::chrono::milliseconds distanceToCalls{100};
 
     static LossPacing& instance();
 
-    /// Takes the right to report a loss now and returns zero or, if the last report is too recent, takes
-    /// nothing and returns how long to wait before asking again.
+    /// Notes that a call of the other side, or a reply, was delivered and has returned.
+    void callDelivered(Clock::time_point now);
+
+    /// Takes the right to report a loss now and returns zero or, if the last report or the last call is too
+    /// recent, takes nothing and returns how long to wait before asking again.
     Clock::duration acquire(Clock::time_point now);
 
 private:
     std::mutex m_mutex;
-    bool m_reported = false;
-    Clock::time_point m_lastReport;
+    Clock::time_point m_earliest;  // when the next loss may be reported
 };
 
 }  // namespace platform
