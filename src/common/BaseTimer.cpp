@@ -1,6 +1,7 @@
 #include "common/BaseTimer.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "common/BaseTimerImpl.h"
 

@@ -2,6 +2,7 @@
 
 #include <boost/function.hpp>
 #include <boost/signals2.hpp>
+#include <cstdint>
 #include <memory>
 
 #include "platform/OperationQueue.h"

@@ -1,6 +1,7 @@
 #include "StandIn.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <utility>
 #include <vector>
 

@@ -1,6 +1,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <sstream>
 
 namespace sim {

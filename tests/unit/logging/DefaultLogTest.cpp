@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <type_traits>

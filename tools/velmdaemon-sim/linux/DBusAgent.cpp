@@ -1,5 +1,6 @@
 #include "linux/DBusAgent.h"
 
+#include <cstdint>
 #include <system_error>
 #include <utility>
 

@@ -1,6 +1,7 @@
 #include "linux/DaemonCalls.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>

@@ -3,6 +3,7 @@
 #include <pwd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <memory>

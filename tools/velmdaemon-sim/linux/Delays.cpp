@@ -1,5 +1,6 @@
 #include "linux/Delays.h"
 
+#include <cstdint>
 #include <ctime>
 #include <utility>
 

@@ -1,6 +1,7 @@
 #include "platform/linux/link/AgentCalls.h"
 
 #include <array>
+#include <cstdint>
 #include <string>
 #include <vector>
 

@@ -1,5 +1,6 @@
 #include "platform/linux/runloop/OneShotTimer.h"
 
+#include <cstdint>
 #include <ctime>
 #include <utility>
 

@@ -1,5 +1,6 @@
 #include "platform/linux/timezone/TimeZoneSource.h"
 
+#include <cstdint>
 #include <cstring>
 #include <utility>
 

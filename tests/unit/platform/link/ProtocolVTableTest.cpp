@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <regex>

@@ -4,6 +4,7 @@
 #include <systemd/sd-event.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 
 #include "platform/linux/process/OutHandle.h"
