@@ -1,13 +1,16 @@
 #include "platform/linux/EventSources.h"
 
-#include <ctime>
 #include <memory>
 
 #include "platform/NotificationCenter.h"
+#include "platform/SystemLog.h"
+#include "platform/linux/process/LocalTime.h"
 #include "platform/linux/runloop/MainRunLoop.h"
 
 namespace platform {
 namespace {
+
+constexpr const char* localTimePath = "/etc/localtime";
 
 void postScreenLock(bool locked) {
     CFNotificationCenterPostNotification(
@@ -17,16 +20,20 @@ void postScreenLock(bool locked) {
 }
 
 void postTimeZoneChange() {
-    // localtime_r follows only after this, and observers may ask for the time.
-    tzset();
     CFNotificationCenterPostNotification(CFNotificationCenterGetLocalCenter(),
                                          kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr, nullptr, 1);
+}
+
+void tellThatTheZoneIsUnwatched() {
+    writeSystemLog("[ERROR] No inotify watches left; looking at the time zone once a minute, path = ",
+                   localTimePath);
 }
 
 }  // namespace
 
 EventSources::EventSources(sd_event* loop)
-    : m_screenLock(loop, &postScreenLock), m_timeZone(loop, "/etc", &postTimeZoneChange) {}
+    : m_screenLock(loop, &postScreenLock),
+      m_timeZone(loop, localTimePath, {&setLocalTime, &postTimeZoneChange, &tellThatTheZoneIsUnwatched}) {}
 
 IRunLoop& mainRunLoop() {
     MainRunLoop& loop = MainRunLoop::instance();

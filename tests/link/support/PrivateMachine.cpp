@@ -33,7 +33,7 @@ void bindOver(const std::string& source, const std::string& target) {
 
 PrivateMachine::PrivateMachine(uid_t user) : m_user(user) {
     namespace fs = std::filesystem;
-    for (const char* directory : {"etc", "dev", "zones", "home", "home/Library", "home/Library/Logs"}) {
+    for (const char* directory : {"etc", "dev", "zoneinfo", "home", "home/Library", "home/Library/Logs"}) {
         fs::create_directory(pathOf(directory));
     }
     for (const char* file : configurationFiles) {
@@ -49,7 +49,7 @@ PrivateMachine::PrivateMachine(uid_t user) : m_user(user) {
     for (const char* directory : {"home", "home/Library", "home/Library/Logs"}) {
         mustBeZero(::chown(pathOf(directory).c_str(), m_user, m_user), directory);
     }
-    m_timeZones = std::make_unique<TimeZones>(pathOf("zones"), pathOf("etc"));
+    m_timeZones = std::make_unique<TimeZones>(pathOf("zoneinfo"), pathOf("etc"));
     m_systemLog = std::make_unique<SystemLogSocket>(pathOf("dev/log"));
 }
 

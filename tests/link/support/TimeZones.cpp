@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -13,27 +12,13 @@
 #include <utility>
 
 #include "link/support/ChildProcess.h"
+#include "support/ZoneRules.h"
 
 namespace link_tests {
 namespace {
 
-void appendBigEndian(std::string& text, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        text += static_cast<char>((value >> shift) & 0xFFU);
-    }
-}
-
-/// A zone file (RFC 8536, version 1): one type of local time and no transitions.
 std::string contentsOf(const Zone& zone) {
-    const std::string name = zone.name;
-    std::string file = "TZif" + std::string(16, '\0');
-    for (const std::uint32_t count : {0U, 0U, 0U, 0U, 1U, static_cast<std::uint32_t>(name.size() + 1)}) {
-        appendBigEndian(file, count);
-    }
-    appendBigEndian(file, static_cast<std::uint32_t>(zone.minutesEast * 60));
-    file += std::string(2, '\0');
-    file += name + '\0';
-    return file;
+    return zoneRules(zone.name, zone.minutesEast);
 }
 
 void mustBeZero(int result, const std::string& what) {
@@ -78,6 +63,23 @@ void TimeZones::rewrite(const Zone& zone) const {
     if (!file.flush()) {
         throw std::runtime_error("cannot rewrite " + m_localtime);
     }
+}
+
+void TimeZones::rewriteKeepingTheTime(const Zone& zone) const {
+    const auto time = std::filesystem::last_write_time(m_localtime);
+    rewrite(zone);
+    std::filesystem::last_write_time(m_localtime, time);
+}
+
+void TimeZones::upgrade(const Zone& zone, const Zone& rules) const {
+    const std::string aside = fileOf(zone) + ".dpkg-new";
+    std::ofstream(aside, std::ios::binary) << contentsOf(rules);
+    mustBeZero(::rename(aside.c_str(), fileOf(zone).c_str()), aside);
+}
+
+void TimeZones::makePipe() const {
+    remove();
+    mustBeZero(::mkfifo(m_localtime.c_str(), 0644), "mkfifo");
 }
 
 void TimeZones::remove() const {

@@ -32,6 +32,13 @@ public:
     void makeRegularFile(const Zone& zone) const;
     /// Writes the zone into the regular file that `localtime` is.
     void rewrite(const Zone& zone) const;
+    /// As `cp -p` over the regular file that `localtime` is: same inode, and the time of before.
+    void rewriteKeepingTheTime(const Zone& zone) const;
+    /// Gives `zone` the rules of `rules`, as an upgrade of the zone data does: a new file, renamed over the
+    /// old.
+    void upgrade(const Zone& zone, const Zone& rules) const;
+    /// Puts a pipe that nobody writes to in the place of `localtime`.
+    void makePipe() const;
     void remove() const;
 
 private:

@@ -1,4 +1,7 @@
 #include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
 
 #include "link/support/LinkTest.h"
 
@@ -128,6 +131,91 @@ TEST_F(TimeZone, OtherFilesOfEtcAreNoEvent) {
     }
     letItSettle();
     machine.timeZones().setByRename(westZone);
+    ASSERT_TRUE(sees(1));
+    expectExactly(1);
+}
+
+TEST_F(TimeZone, ARegularFileThatIsRewrittenWithTheTimeOfBeforeIsOneEvent) {
+    machine.timeZones().makeRegularFile(westZone);
+    startOnBus();
+    machine.timeZones().rewriteKeepingTheTime(eastZone);
+    ASSERT_TRUE(sees(1));
+    expectThatTheLastLinesStampIsIn(eastZone);
+    expectExactly(1);
+}
+
+TEST_F(TimeZone, NewRulesOfTheSameZoneAreFollowedWithoutAnEvent) {
+    startSystem();
+    startLinked();
+    ASSERT_TRUE(awaitSessionRead(ownSession));
+    machine.timeZones().upgrade(utcZone, eastZone);
+    letItSettle();
+    EXPECT_EQ(daemon->events(), Messages());
+    logind->setLockedHint(ownSession, true);
+    ASSERT_TRUE(daemon->awaitEvents(1));
+    expectThatTheLastLinesStampIsIn(eastZone);
+}
+
+TEST_F(TimeZone, APipeInItsPlaceIsUtcAndHoldsUpNothing) {
+    machine.timeZones().makePipe();
+    startOnBus();
+    expectThatTheLastLinesStampIsIn(utcZone);
+    machine.timeZones().remove();
+    machine.timeZones().setByLinking(eastZone);
+    ASSERT_TRUE(sees(1));
+    machine.timeZones().makePipe();
+    ASSERT_TRUE(sees(2));
+    expectThatTheLastLinesStampIsIn(utcZone);
+    expectExactly(2);
+}
+
+/// What is mounted where only the agent sees it.
+class MountedTimeZone : public TimeZone {
+protected:
+    void inAgentsNamespace(const std::vector<std::string>& command) const {
+        std::vector<std::string> whole{"/usr/bin/nsenter",
+                                       "--mount=/proc/" + std::to_string(agent->pid()) + "/ns/mnt"};
+        whole.insert(whole.end(), command.begin(), command.end());
+        ASSERT_EQ(ChildProcess(whole, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"}).awaitEnd(), "exit 0")
+            << command[0];
+    }
+};
+
+TEST_F(MountedTimeZone, OverTheFileIsOneEventAndItsGoingAnother) {
+    startOnBus();
+    inAgentsNamespace({"mount", "--bind", machine.timeZones().fileOf(eastZone), "/etc/localtime"});
+    ASSERT_TRUE(sees(1));
+    expectThatTheLastLinesStampIsIn(eastZone);
+    inAgentsNamespace({"umount", machine.timeZones().fileOf(utcZone)});
+    ASSERT_TRUE(sees(2));
+    expectThatTheLastLinesStampIsIn(utcZone);
+    expectExactly(2);
+}
+
+TEST_F(MountedTimeZone, OverTheDirectoryIsOneEventAndFollowedThere) {
+    const std::string other = machine.pathOf("other-etc");
+    std::filesystem::create_directory(other);
+    std::filesystem::create_symlink(machine.timeZones().fileOf(westZone), other + "/localtime");
+    startOnBus();
+    inAgentsNamespace({"mount", "--bind", other, "/etc"});
+    ASSERT_TRUE(sees(1));
+    expectThatTheLastLinesStampIsIn(westZone);
+    std::filesystem::remove(other + "/localtime");
+    std::filesystem::create_symlink(machine.timeZones().fileOf(eastZone), other + "/localtime");
+    ASSERT_TRUE(sees(2));
+    inAgentsNamespace({"umount", "/etc"});
+    ASSERT_TRUE(sees(3));
+    expectThatTheLastLinesStampIsIn(utcZone);
+    expectExactly(3);
+}
+
+TEST_F(MountedTimeZone, ATableThatChangesAllTheTimeIsNoEventAndHidesNone) {
+    startOnBus();
+    inAgentsNamespace(
+        {"sh", "-c",
+         "for round in $(seq 300); do mount -t tmpfs none /dev/shm && umount /dev/shm || exit 1; done"});
+    EXPECT_EQ(daemon->events(), Messages());
+    machine.timeZones().setByRename(eastZone);
     ASSERT_TRUE(sees(1));
     expectExactly(1);
 }

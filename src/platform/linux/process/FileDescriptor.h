@@ -23,6 +23,8 @@ public:
     explicit operator bool() const { return m_fd >= 0; }
     /// The descriptor, still owned here; -1 if there is none.
     int get() const { return m_fd; }
+    /// Gives the descriptor away.
+    int release() noexcept { return std::exchange(m_fd, -1); }
     void reset() noexcept {
         if (m_fd >= 0) {
             close(std::exchange(m_fd, -1));

@@ -5,8 +5,8 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <ctime>
+
+#include "platform/linux/process/LocalTime.h"
 
 namespace platform {
 
@@ -34,10 +34,7 @@ void prepareProcess() noexcept {
     sigaddset(&ending, SIGINT);
     pthread_sigmask(SIG_BLOCK, &ending, nullptr);
 
-    // With TZ set the C library never looks at /etc/localtime again. Only here is changing the environment
-    // safe.
-    unsetenv("TZ");
-    tzset();
+    prepareLocalTime();
 }
 
 }  // namespace platform

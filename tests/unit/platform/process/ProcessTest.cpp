@@ -48,7 +48,7 @@ TEST(Process, LocalTimeFollowsTheMachineAndNotTheEnvironment) {
         std::tm local{};
         localtime_r(&now, &local);
         constexpr long offsetOfNoRealZone = (13L * 60 + 45) * 60;
-        return std::getenv("TZ") == nullptr && local.tm_gmtoff != offsetOfNoRealZone ? 0 : 1;
+        return local.tm_gmtoff != offsetOfNoRealZone ? 0 : 1;
     };
     EXPECT_TRUE(runInChild(body).returned(0));
 }
