@@ -33,8 +33,8 @@ BaseTimer::~BaseTimer() {
         m_impl->m_condition.notify_one();
     }
     // An uncollected failure of the callback ends the process here rather than passing unseen.
-    if (m_impl && m_impl->m_task.valid()) {
-        m_impl->m_task.get();
+    if (m_impl) {
+        collectTask();
     }
 }
 
@@ -59,9 +59,7 @@ void BaseTimer::run() {
     if (m_impl->m_inTask.load()) {
         return;
     }
-    if (m_impl->m_task.valid()) {
-        m_impl->m_task.get();
-    }
+    collectTask();
     m_impl->m_task = std::async(std::launch::async, &BaseTimer::timerAsyncTask, this);
 }
 
@@ -94,10 +92,14 @@ void BaseTimer::setCallback(const std::function<void()>& callback) {
 
 void BaseTimer::reset() {
     stop();
+    collectTask();
+    run();
+}
+
+void BaseTimer::collectTask() {
     if (m_impl->m_task.valid()) {
         m_impl->m_task.get();
     }
-    run();
 }
 
 void BaseTimer::timerAsyncTask() {

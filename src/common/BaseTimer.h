@@ -110,6 +110,8 @@ public:
 private:
     struct BaseTimerImpl;
 
+    /// Waits for the last task, if it is not collected yet, and throws what ended it.
+    void collectTask();
     void timerAsyncTask();
 
     std::unique_ptr<BaseTimerImpl> m_impl;
