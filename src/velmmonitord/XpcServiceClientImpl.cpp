@@ -2,9 +2,9 @@
 
 #include "platform/AutoreleasePool.h"
 #include "velmmonitord/LogLine.h"
-#include "velmmonitord/XpcServiceClientSignals.h"
 
 // One set for the process, built before main: whoever subscribes need not know which client brings an event.
+// No header declares them; they are reached through the client's subscriptions.
 boost::signals2::signal<void()> m_sigConnectedImpl;
 boost::signals2::signal<void()> m_sigDisconnectedImpl;
 boost::signals2::signal<void(const char*, unsigned long long)> m_sigMsgReceivedImpl;
@@ -12,73 +12,10 @@ boost::signals2::signal<void(long)> m_sigLogLevel;
 
 namespace {
 
-using WeakClient = std::weak_ptr<XpcServiceClientImpl>;
-
 constexpr auto daemonService = "com.brovik.velmdaemon";
 
 // The argument of the only request for a log level that the agent makes.
 constexpr std::int32_t requestedLogLevel = 1;
-
-// The two ways to lose the link, which differ only in the handler that reports them and in what is logged.
-struct Loss {
-    void (platform::IXpcConnection::*setHandler)(platform::IXpcConnection::Handler);
-    const char* message;
-};
-
-constexpr Loss interruption{&platform::IXpcConnection::setInterruptionHandler,
-                            "xpc connection was inerrupted"};
-constexpr Loss invalidation{&platform::IXpcConnection::setInvalidationHandler, "xpc connection invalidated"};
-
-void tearDown(const WeakClient& weakClient, const Loss& loss) {
-    if (const auto client = weakClient.lock()) {
-        client->setM_xpcConnection(nullptr);
-    }
-    // Also without the client: the signals belong to the process, and others may listen.
-    logLine(Logging::Level::Trace, loss.message);
-    m_sigDisconnectedImpl();
-}
-
-void onLoss(const WeakClient& weakClient, const Loss& loss) {
-    const auto client = weakClient.lock();
-    if (!client) {
-        return;
-    }
-    // The current connection's, even where it is an older one that reports its loss.
-    if (const auto connection = client->m_xpcConnection()) {
-        (connection.get()->*loss.setHandler)({});
-    }
-    client->queue()->addOperation([weakClient, loss] { tearDown(weakClient, loss); });
-}
-
-void setUp(platform::IXpcConnection& connection, const std::shared_ptr<XpcServiceClientImpl>& client) {
-    connection.setRemoteObjectInterface(xpcDaemonProtocol);
-    connection.setExportedInterface(xpcAgentProtocol);
-    connection.setExportedObject(client);
-    const WeakClient weakClient = client;
-    connection.setInterruptionHandler([weakClient] { onLoss(weakClient, interruption); });
-    connection.setInvalidationHandler([weakClient] { onLoss(weakClient, invalidation); });
-    connection.resume();
-}
-
-// Without the client the connection goes as it came, not resumed.
-void createConnection(const std::shared_ptr<XpcServiceClientImpl>& client) {
-    const auto connection = platform::createXpcConnection(daemonService, platform::xpcConnectionPrivileged);
-    if (client) {
-        // Held before it is set up; what is sent on it until then is lost, like everything before the first
-        // answer.
-        client->setM_xpcConnection(connection);
-        setUp(*connection, client);
-    }
-}
-
-void openConnection(const WeakClient& weakClient) {
-    const auto client = weakClient.lock();
-    if (client && client->m_xpcConnection()) {
-        return;
-    }
-    createConnection(client);
-    logLine(Logging::Level::Trace, "xpc is running");
-}
 
 // Captures nothing, so an answer counts even when the client that asked is gone. The connection is kept: it
 // still works, and a daemon that gets ready answers the next connect on it.
@@ -100,8 +37,71 @@ XpcServiceClientImpl::XpcServiceClientImpl() : _queue(platform::createOperationQ
     _queue->setMaxConcurrentOperationCount(1);
 }
 
+// The life of a connection, from here to tearDown().
 void XpcServiceClientImpl::connectToXpc() {
     queue()->addOperation([weakClient = weak_from_this()] { openConnection(weakClient); });
+}
+
+void XpcServiceClientImpl::openConnection(const WeakClient& weakClient) {
+    const auto client = weakClient.lock();
+    if (client && client->m_xpcConnection()) {
+        return;
+    }
+    {
+        const auto connection =
+            platform::createXpcConnection(daemonService, platform::xpcConnectionPrivileged);
+        // Without the client the connection goes as it came, not resumed.
+        if (client) {
+            client->setUp(connection);
+        }
+    }
+    logLine(Logging::Level::Trace, "xpc is running");
+}
+
+void XpcServiceClientImpl::setUp(const std::shared_ptr<platform::IXpcConnection>& connection) {
+    // Held before it is set up: a sender may meet it half made, which a connection allows in every state.
+    setM_xpcConnection(connection);
+    connection->setRemoteObjectInterface(xpcDaemonProtocol);
+    connection->setExportedInterface(xpcAgentProtocol);
+    connection->setExportedObject(shared_from_this());
+    const WeakClient weakClient = weak_from_this();
+    connection->setInterruptionHandler([weakClient] {
+        if (const auto client = weakClient.lock()) {
+            client->onInterruption();
+        }
+    });
+    connection->setInvalidationHandler([weakClient] {
+        if (const auto client = weakClient.lock()) {
+            client->onInvalidation();
+        }
+    });
+    connection->resume();
+}
+
+// Both clear the handler of the current connection, even where it is an older one that reports its loss.
+void XpcServiceClientImpl::onInterruption() {
+    if (const auto connection = m_xpcConnection()) {
+        connection->setInterruptionHandler({});
+    }
+    queue()->addOperation(
+        [weakClient = weak_from_this()] { tearDown(weakClient, "xpc connection was inerrupted"); });
+}
+
+void XpcServiceClientImpl::onInvalidation() {
+    if (const auto connection = m_xpcConnection()) {
+        connection->setInvalidationHandler({});
+    }
+    queue()->addOperation(
+        [weakClient = weak_from_this()] { tearDown(weakClient, "xpc connection invalidated"); });
+}
+
+void XpcServiceClientImpl::tearDown(const WeakClient& weakClient, const char* message) {
+    if (const auto client = weakClient.lock()) {
+        client->setM_xpcConnection(nullptr);
+    }
+    // Also without the client: the signals belong to the process, and others may listen.
+    logLine(Logging::Level::Trace, message);
+    m_sigDisconnectedImpl();
 }
 
 std::shared_ptr<platform::IXpcConnection> XpcServiceClientImpl::m_xpcConnection() const {

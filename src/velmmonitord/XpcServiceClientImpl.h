@@ -51,16 +51,18 @@ public:
     void requestForLogLevel();
 
     // Subscriptions. Each connects a copy of `slot` behind those already connected, to the events of every
-    // client, for the rest of the process's life or until an object that the slot tracks is gone. See
-    // XpcServiceClientSignals.h for the threads that slots run on.
+    // client in the process, for the rest of the process's life or until an object that the slot tracks is
+    // gone. Slots run on the platform's threads, never on the main one, and lock what they share themselves.
 
-    /// The daemon confirmed the link.
+    /// The daemon confirmed the link. Raised on the connection's private thread.
     void subscribeOnConnected(const EventSlot& slot);
-    /// The link was lost.
+    /// The link was lost, or the daemon said that it is not ready. Raised on a thread of the client's queue
+    /// or, for a ping answered with no, on the connection's private thread.
     void subscribeOnDisconnected(const EventSlot& slot);
-    /// Data came: its first byte and its length. The bytes are valid only during the call.
+    /// Data came: its first byte and its length. Raised on the connection's private thread; the bytes are
+    /// valid only during the call.
     void subscribeOnReceived(const ReceivedSlot& slot);
-    /// A log level came.
+    /// A log level came. Raised on the connection's private thread.
     void subscribeOnLogLevel(const LogLevelSlot& slot);
 
     // Calls from the daemon, on the connection's private thread.
@@ -68,7 +70,8 @@ public:
     /// Raises the connected event whatever `flag` says: that the daemon answers at all is the confirmation.
     void connected(bool flag) override;
     void putMessage(const XpcData& data) override;
-    /// Accepted and ignored, as is networkReachability: meant for other agents of the daemon.
+    /// Accepted and ignored, as is networkReachability: the contract has them, and this agent no use for
+    /// them.
     void initRmmMessage(const std::string& message, const std::string& token, const std::string& subdomain,
                         const std::string& rmmUrl, const std::string& appVer) override;
     void networkReachability(bool reachable) override;
@@ -77,7 +80,16 @@ public:
     bool respondsToSelector(std::string_view selector) const override;
 
 private:
+    using WeakClient = std::weak_ptr<XpcServiceClientImpl>;
+
     XpcServiceClientImpl();
+
+    // The life of a connection, step by step. What waits for its turn on the queue holds the client weakly.
+    static void openConnection(const WeakClient& weakClient);                 // on the queue
+    void setUp(const std::shared_ptr<platform::IXpcConnection>& connection);  // on the queue
+    void onInterruption();                                                    // on the private thread
+    void onInvalidation();                                                    // on the private thread
+    static void tearDown(const WeakClient& weakClient, const char* message);  // on the queue
 
     std::shared_ptr<XpcDaemonProtocol> remoteObjectProxy() const;
 

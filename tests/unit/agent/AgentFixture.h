@@ -9,7 +9,7 @@
 #include "support/CallTrace.h"
 #include "support/FakePlatform.h"
 #include "support/LogCapture.h"
-#include "velmmonitord/XpcServiceClientSignals.h"
+#include "unit/agent/ClientSignals.h"
 
 /// A test of the agent's core on the faked platform, with the log captured. What is process-wide (the logger,
 /// the client's signals, the fakes) is as new for each test.
