@@ -52,6 +52,9 @@ void MonitorLauncher::launch() {
     }));
 }
 
+// The link is being opened meanwhile, and its handlers use the timer, which is replaced below. That is safe
+// because a connection that has sent nothing yet reports no loss and delivers no call, and the first message
+// is the first tick's `connect`, one interval after the end of this.
 void MonitorLauncher::init() {
     logLine(Logging::Level::Trace, "Monitor launcher is running");
     m_impl->m_client->subscribeOnConnected(XpcServiceClientImpl::EventSlot([this] {
@@ -70,7 +73,7 @@ void MonitorLauncher::init() {
         m_impl->m_client->connectToXpc();
         m_impl->m_client->connect();
     };
-    // Runs before any attempt has been answered: only the daemon's answer ends the asking.
+    // Runs from the start, unasked: only the daemon's answer ends the asking.
     m_impl->m_timer = cmn::BaseTimer(reconnectInterval, onTick, false);
     m_impl->m_timer.run();
 }

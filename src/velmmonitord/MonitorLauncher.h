@@ -12,7 +12,9 @@ class MonitorLauncher {
 public:
     /// Creates the client and asks it to set up its connection; sends nothing yet.
     MonitorLauncher();
-    /// Waits for the timer's task, which may take up to one interval (1 s), then stops the monitors.
+    /// Waits for the timer's task, which may take up to one interval (1 s), then destroys the monitors and
+    /// lets go of the client. The screen lock monitor stays registered, so delivery of the distributed
+    /// notifications must have ended.
     ~MonitorLauncher();
     MonitorLauncher(const MonitorLauncher&) = delete;
     MonitorLauncher& operator=(const MonitorLauncher&) = delete;

@@ -17,7 +17,7 @@ CFNotificationName screenIsUnlocked() {
 ScreenLockMonitor::ScreenLockMonitor() : m_signal(std::make_unique<boost::signals2::signal<void(bool)>>()) {}
 
 ScreenLockMonitor::~ScreenLockMonitor() {
-    // The null observer is meant: the registrations stay, as they always have, and the monitor's owner keeps
+    // The null observer is meant: it removes nothing, the registrations stay, and the monitor's owner keeps
     // it until nothing is delivered any more.
     const auto center = CFNotificationCenterGetDistributedCenter();
     CFNotificationCenterRemoveObserver(center, nullptr, screenIsLocked(), nullptr);
