@@ -27,6 +27,7 @@ std::vector<std::string> environmentOf(const PrivateMachine& machine, const Agen
     if (!options.sessionBus.empty()) {
         environment.push_back("DBUS_SESSION_BUS_ADDRESS=" + options.sessionBus);
     }
+    environment.insert(environment.end(), options.environment.begin(), options.environment.end());
     for (const char* name : {"ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
         if (const char* value = std::getenv(name)) {
             environment.push_back(std::string(name) + "=" + value);

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "link/support/AgentLog.h"
 #include "link/support/ChildProcess.h"
@@ -26,6 +27,7 @@ struct AgentOptions {
         Closed,      ///< nothing: the first file that the agent opens gets its number
         AllClosed,   ///< nothing, and no standard input or error either
     } output = Output::File;
+    std::vector<std::string> environment;  ///< more variables, as NAME=value
 };
 
 /// The real agent, in a private machine. Killed at the end if a test has not ended it.
