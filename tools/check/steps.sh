@@ -1,0 +1,66 @@
+# shellcheck shell=bash disable=SC2034,SC2154
+# The steps of ./check, in the order in which they run: one line a step, which tools/check/driver.sh explains.
+# What takes more than a command stands below the lists, or better in a script beside what it checks.
+
+# Proves the program with one compiler. Together about 3 minutes on 2 cores, from a clean clone.
+plain_steps() {
+    step format         "clang-format leaves every file as it is" format_check
+    step build          "builds with g++, warnings are errors" build debug || return
+    step test           "unit and link tests" run_tests debug -L 'unit|link'
+    step macos          "macOS sources compile; metadata equals the protocol table" tests/macos/check.sh build/macos
+    step examples       "the examples run" examples/check.sh build/debug
+    step consumer       "another project builds against the installed libraries" tests/consumer/check.sh build/debug
+}
+
+# What continuous integration adds.
+deep_steps() {
+    step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
+    step run            "the demonstration" ./run
+    step build-clang    "builds with clang++, warnings are errors" build clang &&
+        step test-clang "unit tests" run_tests clang -L unit
+    step tidy           "clang-tidy on every source" tools/check/tidy.py build/clang
+    step build-asan     "builds with the address and undefined-behaviour sanitizers" build asan &&
+        step test-asan  "unit and link tests under them" run_tests asan -L 'unit|link'
+    step build-tsan     "builds with the thread sanitizer" build tsan &&
+        step test-tsan  "unit and link tests under it" run_tests tsan -L 'unit|link'
+    step fuzz           "each fuzzer for 20 s" fuzz
+    step bench          "each benchmark once" benchmarks
+}
+
+# The packages, and what they do in real systems.
+system_steps() {
+    step packages       "packages: contents, lintian, hardening, same bytes twice" \
+        packaging/linux/check-packages.sh build/packages || return
+    if [[ $no_system == yes ]]; then
+        skip system     "the booted system, as --no-system asks"
+        return
+    fi
+    step system         "the packages in a booted system" tests/system/run.sh build/packages
+}
+
+build() { cmake --preset "$1" "${@:2}" && cmake --build --preset "$1" -j "$jobs"; }
+
+# Most tests wait for something most of the time.
+run_tests() { ctest --preset "$1" -j $((4 * jobs)) "${@:2}"; }
+
+format_check() { git ls-files '*.cpp' '*.h' '*.mm' '*.m' | xargs clang-format --dry-run --Werror; }
+
+fuzz() {
+    local fuzzer
+    build fuzz || return
+    for fuzzer in build/fuzz/tests/fuzz/fuzz_*; do
+        [[ -x $fuzzer && -f $fuzzer ]] || continue
+        echo "== $fuzzer"
+        "$fuzzer" -max_total_time=20 -print_final_stats=1 "-artifact_prefix=$logs/" || return
+    done
+}
+
+benchmarks() {
+    local benchmark
+    build release || return
+    for benchmark in build/release/bench/bench_*; do
+        [[ -x $benchmark && -f $benchmark ]] || continue
+        echo "== $benchmark"
+        "$benchmark" || return
+    done
+}
