@@ -16,6 +16,7 @@ plain_steps() {
 deep_steps() {
     step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
     step run            "the demonstration" ./run
+    step model          "a model of the link: never wedged, and each promise is needed" docs/model/run
     step build-clang    "builds with clang++, warnings are errors" build clang &&
         step test-clang "unit tests" run_tests clang -L unit
     step tidy           "clang-tidy on every source" tools/check/tidy.py build/clang
