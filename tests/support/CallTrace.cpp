@@ -12,7 +12,7 @@ CallTrace& CallTrace::instance() {
 }
 
 void CallTrace::add(const std::string& entry) {
-    append({entry, std::this_thread::get_id(), false});
+    append({entry, std::this_thread::get_id(), false, std::chrono::steady_clock::now()});
     std::function<void()> action;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -26,7 +26,7 @@ void CallTrace::add(const std::string& entry) {
 }
 
 void CallTrace::addLogLine(const std::string& line) {
-    append({line, {}, true});
+    append({line, {}, true, std::chrono::steady_clock::now()});
 }
 
 void CallTrace::append(Entry entry) {
@@ -59,6 +59,17 @@ std::vector<std::string> CallTrace::logLines() const {
     return select([](const Entry& entry) { return entry.logged; });
 }
 
+std::vector<std::chrono::steady_clock::time_point> CallTrace::timesOf(const std::string& entry) const {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::chrono::steady_clock::time_point> times;
+    for (const Entry& candidate : m_entries) {
+        if (candidate.text == entry) {
+            times.push_back(candidate.time);
+        }
+    }
+    return times;
+}
+
 void CallTrace::clear() {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_entries.clear();
@@ -71,11 +82,11 @@ void CallTrace::onNext(const std::string& entry, std::function<void()> action) {
     m_action = std::move(action);
 }
 
-bool CallTrace::waitFor(const std::string& entry, std::chrono::milliseconds cap) const {
+bool CallTrace::waitFor(const std::string& entry, std::chrono::milliseconds cap, std::ptrdiff_t count) const {
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_for(lock, cap, [&] {
-        return std::any_of(m_entries.begin(), m_entries.end(),
-                           [&](const Entry& candidate) { return candidate.text == entry; });
+        return std::count_if(m_entries.begin(), m_entries.end(),
+                             [&](const Entry& candidate) { return candidate.text == entry; }) >= count;
     });
 }
 

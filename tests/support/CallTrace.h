@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -26,6 +27,8 @@ public:
     std::vector<std::string> entriesOfThisThread() const;
     /// The log lines alone.
     std::vector<std::string> logLines() const;
+    /// When each entry that equals `entry` was appended, in their order.
+    std::vector<std::chrono::steady_clock::time_point> timesOf(const std::string& entry) const;
     /// Forgets all entries, and the action of `onNext`.
     void clear();
 
@@ -33,14 +36,17 @@ public:
     /// was added.
     void onNext(const std::string& entry, std::function<void()> action);
 
-    /// Waits until there is an entry that equals `entry`, at most for `cap`; returns whether there is one.
-    bool waitFor(const std::string& entry, std::chrono::milliseconds cap = std::chrono::seconds(20)) const;
+    /// Waits until there are `count` entries that equal `entry`, at most for `cap`; returns whether there
+    /// are.
+    bool waitFor(const std::string& entry, std::chrono::milliseconds cap = std::chrono::seconds(20),
+                 std::ptrdiff_t count = 1) const;
 
 private:
     struct Entry {
         std::string text;
         std::thread::id thread;
         bool logged;
+        std::chrono::steady_clock::time_point time;
     };
 
     std::vector<std::string> select(const std::function<bool(const Entry&)>& wanted) const;

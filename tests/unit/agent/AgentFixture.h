@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,15 @@ protected:
         std::vector<std::string> entries = trace().entriesOfThisThread();
         entries.erase(std::remove(entries.begin(), entries.end(), tick), entries.end());
         return entries;
+    }
+
+    /// Adds the entry `entry` when the next slot is connected to `signal`, by the thread that connects it.
+    /// (It then throws away the slots whose tracked objects are gone, and with this one what it holds.)
+    template <typename Signal>
+    static void noteNextSubscription(Signal& signal, const std::string& entry) {
+        const std::shared_ptr<void> note(nullptr, [entry](void*) { trace().add(entry); });
+        const auto tracked = std::make_shared<int>(0);
+        signal.connect(typename Signal::slot_type([note](auto&&... /*arguments*/) {}).track_foreign(tracked));
     }
 
     inline static const std::string tick = "[TRACE] Monitor launcher: requesting connect";

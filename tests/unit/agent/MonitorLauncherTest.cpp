@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
+#include <future>
 #include <memory>
+#include <thread>
 
 #include "logging/Log.h"
 #include "unit/agent/AgentFixture.h"
@@ -31,6 +34,25 @@ protected:
         fake::Operations::runAll();
         trace().clear();
     }
+
+    // Keeps the next tick in its handler, between its line and its request for a connection.
+    class HeldTick {
+    public:
+        HeldTick() {
+            trace().onNext("queue: operation added", [entered = m_entered, over = m_over] {
+                entered->set_value();
+                over->get_future().wait();
+            });
+            m_entered->get_future().wait();
+        }
+        ~HeldTick() { m_over->set_value(); }
+        HeldTick(const HeldTick&) = delete;
+        HeldTick& operator=(const HeldTick&) = delete;
+
+    private:
+        std::shared_ptr<std::promise<void>> m_entered = std::make_shared<std::promise<void>>();
+        std::shared_ptr<std::promise<void>> m_over = std::make_shared<std::promise<void>>();
+    };
 
     std::unique_ptr<MonitorLauncher> m_launcher = std::make_unique<MonitorLauncher>();
 };
@@ -66,6 +88,33 @@ TEST_F(MonitorLauncherTest, SubscribesAndRunsTheTimerBeforeTheMonitorsStart) {
                                                            "[TRACE] Monitor launcher: disconnected came"}));
 }
 
+TEST_F(MonitorLauncherTest, SaysThatItRunsBeforeItSubscribes) {
+    noteNextSubscription(m_sigConnectedImpl, "subscribed");
+    trace().clear();
+    m_launcher->launch();
+    const std::vector<std::string> entries = entriesWithoutTicks();
+    ASSERT_GE(entries.size(), 2U);
+    EXPECT_EQ(entries[0], "[TRACE] Monitor launcher is running");
+    EXPECT_EQ(entries[1], "subscribed");
+}
+
+TEST_F(MonitorLauncherTest, SubscribesBeforeItRunsTheTimer) {
+    for (auto* const signal : {&m_sigConnectedImpl, &m_sigDisconnectedImpl}) {
+        m_launcher = std::make_unique<MonitorLauncher>();
+        bool subscribed = false;
+        bool ticked = false;
+        noteNextSubscription(*signal, "subscribed");
+        trace().clear();
+        trace().onNext("subscribed", [&] {
+            subscribed = true;
+            ticked = trace().waitFor(tick, longerThanTheInterval);
+        });
+        m_launcher->launch();
+        EXPECT_TRUE(subscribed);
+        EXPECT_FALSE(ticked);
+    }
+}
+
 TEST_F(MonitorLauncherTest, EventsDuringItsStartAreLoggedByTheMonitorsAndReachNobody) {
     makeConnection();
     trace().onNext(timeZoneObserved, [] {
@@ -94,6 +143,21 @@ TEST_F(MonitorLauncherTest, AsksForAConnectionOnceASecondWhileUnanswered) {
     trace().clear();
     ASSERT_TRUE(trace().waitFor("connection 1: sent connect"));
     EXPECT_GE(Clock::now() - start, 2 * interval);
+}
+
+TEST_F(MonitorLauncherTest, AsksNoMoreRarelyThanOnceASecond) {
+    const Clock::time_point start = Clock::now();
+    m_launcher->launch();
+    constexpr int ticks = 3;
+    ASSERT_TRUE(trace().waitFor(tick, std::chrono::seconds(60), ticks));
+    Clock::duration shortest = Clock::duration::max();
+    Clock::time_point previous = start;
+    for (const Clock::time_point time : trace().timesOf(tick)) {
+        EXPECT_GE(time - previous, interval);
+        shortest = std::min(shortest, time - previous);
+        previous = time;
+    }
+    EXPECT_LT(shortest, 2 * interval) << "the best of three: a busy machine delays single ticks";
 }
 
 TEST_F(MonitorLauncherTest, ARequestBeforeThereIsAConnectionIsLostAndMadeAgain) {
@@ -149,6 +213,84 @@ TEST_F(MonitorLauncherTest, ALossWhileTheTimerRunsLeavesItsTaskAsItIs) {
     EXPECT_THAT(entriesWithoutTicks(),
                 ElementsAre("[TRACE] Monitor launcher: disconnected came", "queue: operation added"));
     EXPECT_TRUE(trace().waitFor(tick));
+}
+
+TEST_F(MonitorLauncherTest, ALossWhileTheTimerRunsDoesNotHurryIt) {
+    makeConnection();
+    m_launcher->launch();
+    ASSERT_TRUE(trace().waitFor("connection 1: sent connect"));
+    for (int loss = 0; loss < 3; ++loss) {
+        m_sigDisconnectedImpl();
+    }
+    ASSERT_TRUE(trace().waitFor(tick, std::chrono::seconds(20), 2));
+    const std::vector<Clock::time_point> ticks = trace().timesOf(tick);
+    EXPECT_GE(ticks[1] - ticks[0], interval);
+}
+
+TEST_F(MonitorLauncherTest, ALossAsksForTheNextConnectionBeforeItRunsTheTimer) {
+    m_launcher->launch();
+    m_sigConnectedImpl();
+    ASSERT_FALSE(trace().waitFor(tick, longerThanTheInterval));
+    bool asked = false;
+    bool ticked = false;
+    trace().onNext("queue: operation added", [&] {
+        asked = true;
+        ticked = trace().waitFor(tick, longerThanTheInterval);
+    });
+    m_sigDisconnectedImpl();
+    EXPECT_TRUE(asked);
+    EXPECT_FALSE(ticked);
+    EXPECT_TRUE(trace().waitFor(tick));
+}
+
+// Holds the line of the daemon's answer up while the timer, if it still runs, comes to its next tick.
+class HoldsTheAnswersLine : public Logging::Destination {
+public:
+    explicit HoldsTheAnswersLine(std::chrono::milliseconds pause) : m_pause(pause) {}
+
+    void write(const std::string& line) override {
+        if (line == "[TRACE] Monitor launcher: connected came") {
+            std::this_thread::sleep_for(m_pause);
+            m_pause *= 2;
+        }
+    }
+
+private:
+    std::chrono::milliseconds m_pause;
+};
+
+TEST_F(MonitorLauncherTest, LogsTheDaemonsAnswerBeforeItStopsTheTimer) {
+    Logging::Logger::instance().addDestination(std::make_shared<HoldsTheAnswersLine>(longerThanTheInterval));
+    m_launcher->launch();
+    bool ticked = false;
+    for (int attempt = 0; attempt < 4 && !ticked; ++attempt) {
+        m_sigDisconnectedImpl();
+        trace().clear();
+        m_sigConnectedImpl();
+        // The tick's own line has waited for the answer's.
+        ticked = trace().waitFor(tick, interval / 2);
+    }
+    EXPECT_TRUE(ticked);
+}
+
+TEST_F(MonitorLauncherTest, AnAnswerDuringATickWaitsForNothing) {
+    m_launcher->launch();
+    const auto held = std::make_unique<HeldTick>();
+    const std::future<void> answered = std::async(std::launch::async, [] { m_sigConnectedImpl(); });
+    EXPECT_EQ(answered.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+}
+
+TEST_F(MonitorLauncherTest, ATickUnderWayAtItsEndIsFinished) {
+    makeConnection();
+    m_launcher->launch();
+    std::future<void> gone;
+    {
+        const HeldTick held;
+        gone = std::async(std::launch::async, [this] { m_launcher.reset(); });
+        EXPECT_EQ(gone.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    }
+    gone.get();
+    EXPECT_THAT(trace().entries(), testing::Contains("connection 1: sent connect"));
 }
 
 TEST_F(MonitorLauncherTest, ForwardsLockAndUnlock) {

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include "logging/Log.h"
 #include "unit/agent/AgentFixture.h"
@@ -67,6 +68,16 @@ TEST_F(ScreenLockMonitorTest, RaisesRepeats) {
     EXPECT_THAT(trace().entries(),
                 ElementsAre("[TRACE] Screen lock monitor: User's screen was locked", "raised true",
                             "[TRACE] Screen lock monitor: User's screen was locked", "raised true"));
+}
+
+TEST_F(ScreenLockMonitorTest, RaisesOnThePostersThread) {
+    m_monitor->init();
+    std::vector<std::thread::id> threads;
+    m_monitor->subscribeOnScreenLock(
+        ScreenLockMonitor::Slot([&](bool /*locked*/) { threads.push_back(std::this_thread::get_id()); }));
+    fake::postScreenLocked();
+    fake::postScreenUnlocked();
+    EXPECT_THAT(threads, testing::ElementsAre(std::this_thread::get_id(), std::this_thread::get_id()));
 }
 
 TEST_F(ScreenLockMonitorTest, ANotificationBeforeAnySubscriptionIsLoggedAndLost) {
@@ -165,6 +176,19 @@ TEST_F(TimeZoneChangeMonitorTest, RaisesEachChangeAfterItsLogLine) {
     fake::postTimeZoneChanged();
     EXPECT_THAT(trace().entries(), ElementsAre("[TRACE] Timezone changed notification came", "raised",
                                                "[TRACE] Timezone changed notification came", "raised"));
+}
+
+TEST_F(TimeZoneChangeMonitorTest, RaisesOnThePostersThread) {
+    m_monitor->init();
+    std::thread::id raisedOn;
+    m_monitor->subscribeOnTimeZoneChange(
+        TimeZoneChangeMonitor::Slot([&] { raisedOn = std::this_thread::get_id(); }));
+    std::thread::id postedOn;
+    std::thread([&] {
+        postedOn = std::this_thread::get_id();
+        fake::postTimeZoneChanged();
+    }).join();
+    EXPECT_EQ(raisedOn, postedOn);
 }
 
 TEST_F(TimeZoneChangeMonitorTest, ANotificationBeforeAnySubscriptionIsLoggedAndLost) {

@@ -1,12 +1,16 @@
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
 #include "logging/Log.h"
+#include "support/ScarceMemory.h"
 #include "unit/agent/AgentFixture.h"
 #include "unit/logging/ScratchDirectory.h"
 #include "velmmonitord/Agent.h"
@@ -44,6 +48,16 @@ protected:
         std::filesystem::create_directories(home + "/Library/Logs");
         fake::setHomeDirectory(home);
         return home;
+    }
+
+    /// How many plain files the process has open.
+    static int openFiles() {
+        int count = 0;
+        for (int descriptor = 0; descriptor < 256; ++descriptor) {
+            struct stat status {};
+            count += fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) ? 1 : 0;
+        }
+        return count;
     }
 
     static std::string firstLineOf(const std::string& path) {
@@ -97,6 +111,19 @@ TEST_F(RunAgent, WithoutAHomeDirectoryLogsToTheConsoleAlone) {
     EXPECT_TRUE(std::filesystem::is_empty(m_directory.path("")));
 }
 
+TEST_F(RunAgent, WithoutAHomeDirectoryOpensNoFileAnywhere) {
+    fake::setHomeDirectory(std::nullopt);
+    const int before = openFiles();
+    int during = -1;
+    fake::setRunLoopBody([&] { during = openFiles(); });
+    runAgent();
+    EXPECT_EQ(during, before);
+    makeHome("home");
+    Logging::Logger::destroyInstance();
+    runAgent();
+    EXPECT_EQ(during, before + 1) << "an open log would have been seen";
+}
+
 TEST_F(RunAgent, SaysOnceInTheSystemLogThatTheLogCannotBeOpenedAndCarriesOn) {
     const std::string home = m_directory.path("missing");
     fake::setHomeDirectory(home);
@@ -115,6 +142,16 @@ TEST_F(RunAgent, SaysOnceInTheSystemLogThatTheLogCannotBeOpenedAndCarriesOn) {
     EXPECT_THAT(entries, testing::Contains(testing::StartsWith("system log: ")).Times(1));
     EXPECT_THAT(entries, testing::Contains("connection 1: sent onScreenLocked: YES"));
     EXPECT_THAT(m_console.text(), testing::StartsWith(started + "\n"));
+}
+
+TEST_F(RunAgent, AnyOtherFailureOfTheLogEndsIt) {
+    makeHome("home");
+    {
+        const fake::ScarceMemory memory;
+        EXPECT_THROW(runAgent(), std::bad_alloc);
+    }
+    EXPECT_THAT(trace().entries(),
+                ElementsAre("process prepared", "pool: pushed", pathAsked, "pool: popped"));
 }
 
 TEST_F(RunAgent, BelowTheTraceLevelStartsInSilence) {

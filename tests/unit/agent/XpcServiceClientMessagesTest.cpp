@@ -1,5 +1,6 @@
 #include <cstdint>
 #include <limits>
+#include <thread>
 
 #include "logging/Log.h"
 #include "unit/agent/XpcServiceClientFixture.h"
@@ -157,6 +158,45 @@ TEST_F(XpcServiceClientMessages, ALogLevelIsPassedOnUnchanged) {
                             "raised log level 9223372036854775807"));
 }
 
+TEST_F(XpcServiceClientMessages, ALogLevelIsNotThisProgramsOwn) {
+    m_client->logLevel(Logging::Level::Fatal);
+    EXPECT_EQ(Logging::Logger::instance().loggingLevel(), Logging::Level::Trace);
+}
+
+// Runs `action` on a thread of its own, and returns that thread.
+template <typename Action>
+std::thread::id onAnotherThread(Action action) {
+    std::thread thread(action);
+    const std::thread::id id = thread.get_id();
+    thread.join();
+    return id;
+}
+
+TEST_F(XpcServiceClientMessages, WhatTheDaemonSaysIsRaisedOnTheThreadThatDeliversIt) {
+    std::thread::id raisedOn;
+    const auto raised = [&raisedOn](auto&&... /*values*/) { raisedOn = std::this_thread::get_id(); };
+    m_client->subscribeOnConnected(XpcServiceClientImpl::EventSlot(raised));
+    m_client->subscribeOnReceived(XpcServiceClientImpl::ReceivedSlot(raised));
+    m_client->subscribeOnLogLevel(XpcServiceClientImpl::LogLevelSlot(raised));
+    m_client->subscribeOnDisconnected(XpcServiceClientImpl::EventSlot(raised));
+    connectClient();
+    m_client->pingWithReply();
+    EXPECT_EQ(onAnotherThread([this] { m_client->connected(true); }), raisedOn);
+    EXPECT_EQ(onAnotherThread([this] { m_client->putMessage(XpcData{}); }), raisedOn);
+    EXPECT_EQ(onAnotherThread([this] { m_client->logLevel(1); }), raisedOn);
+    EXPECT_EQ(onAnotherThread([] { fake::answerPing(false); }), raisedOn);
+}
+
+TEST_F(XpcServiceClientMessages, ALossIsRaisedOnTheQueuesThread) {
+    std::thread::id raisedOn;
+    m_client->subscribeOnDisconnected(
+        XpcServiceClientImpl::EventSlot([&raisedOn] { raisedOn = std::this_thread::get_id(); }));
+    connectClient()->interrupt();
+    EXPECT_EQ(onAnotherThread(&fake::Operations::runAll), raisedOn);
+    connectClient()->invalidate();
+    EXPECT_EQ(onAnotherThread(&fake::Operations::runAll), raisedOn);
+}
+
 TEST_F(XpcServiceClientMessages, CallsMeantForOtherAgentsChangeNothing) {
     trace().clear();
     m_client->initRmmMessage("message", "token", "subdomain", "url", "version");
@@ -213,6 +253,27 @@ TEST_F(XpcServiceClientMessages, SlotsAreCalledInTheOrderOfTheirSubscription) {
     m_client->connected(true);
     EXPECT_THAT(trace().entries(), ElementsAre("[TRACE] xpc: connection is established: 1",
                                                "raised connected", "second", "third"));
+    m_client->subscribeOnDisconnected(XpcServiceClientImpl::EventSlot([] { trace().add("second"); }));
+    const auto connection = connectClient();
+    connection->interrupt();
+    trace().clear();
+    fake::Operations::runAll();
+    EXPECT_THAT(trace().entries(),
+                ElementsAre("[TRACE] xpc connection was inerrupted", "raised disconnected", "second"));
+
+    m_client->subscribeOnReceived(XpcServiceClientImpl::ReceivedSlot(
+        [](const char* /*bytes*/, unsigned long long /*length*/) { trace().add("second"); }));
+    trace().clear();
+    m_client->putMessage(XpcData{});
+    EXPECT_THAT(trace().entries(),
+                ElementsAre("[TRACE] agent: incomming message", "raised received <>", "second"));
+
+    m_client->subscribeOnLogLevel(
+        XpcServiceClientImpl::LogLevelSlot([](long /*level*/) { trace().add("second"); }));
+    trace().clear();
+    m_client->logLevel(3);
+    EXPECT_THAT(trace().entries(),
+                ElementsAre("[TRACE] xpc service: received log level: 3", "raised log level 3", "second"));
 }
 
 TEST_F(XpcServiceClientMessages, ASlotEndsWithTheObjectThatItTracks) {
