@@ -18,7 +18,8 @@ struct Behaviour {
     Answer answer = Answer::Yes;
     std::chrono::milliseconds delay{1500};  ///< of a late answer
     Ping ping = Ping::Yes;
-    std::int64_t logLevel = 6;  ///< the answer to `requestForLogLevel:`
+    std::int64_t logLevel = 6;                  ///< the answer to `requestForLogLevel:`
+    std::chrono::milliseconds patience{10000};  ///< how long `wait-agent` and `expect` wait
 };
 
 /// The words of options and commands for these values; nothing for any other word. Pure; any thread.

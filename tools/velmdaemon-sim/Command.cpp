@@ -193,6 +193,35 @@ Command parsePing(std::string_view rest) {
     return command;
 }
 
+Command parseWaitAgent(std::string_view rest) {
+    const std::optional<std::int64_t> number = numberFromWord(rest);
+    if (!number || *number < 1) {
+        return failure("wait-agent needs the number of an agent");
+    }
+    Command command = plain(Command::Kind::WaitAgent);
+    command.target = number;
+    return command;
+}
+
+Command parseExpect(std::string_view rest) {
+    const std::string_view member = takeWord(rest);
+    const bool known = std::any_of(xpcDaemonProtocol.begin(), xpcDaemonProtocol.end(),
+                                   [&](const XpcMethod& method) { return method.member() == member; });
+    if (!known) {
+        return failure("expect needs a method that agents call, such as onScreenLocked");
+    }
+    Command command = plain(Command::Kind::Expect);
+    command.member = member;
+    command.arguments = rest;
+    return command;
+}
+
+Command parseSleep(std::string_view rest) {
+    Command command = plain(Command::Kind::Sleep);
+    command.delay = delayFromWord(rest);
+    return command.delay ? command : failure("sleep needs a number of milliseconds");
+}
+
 Command parseHelp(std::string_view /*rest*/) {
     return plain(Command::Kind::Help);
 }
@@ -226,7 +255,8 @@ struct Verb {
     Command (*parse)(std::string_view rest);
 };
 
-constexpr std::array<Verb, 14> verbs{{
+// Commands are carried out one after the other; while one waits, the next ones wait too.
+constexpr std::array<Verb, 17> verbs{{
     {"put", "TEXT", "putMessage: with the bytes of TEXT", parsePut},
     {"put-hex", "HEX", "putMessage: with the bytes in hexadecimal, blanks allowed", parsePutHex},
     {"put-size", "BYTES", "putMessage: with that many bytes", parsePutSize},
@@ -239,6 +269,10 @@ constexpr std::array<Verb, 14> verbs{{
     {"agents", "", "list the agents", parseAgents},
     {"answer", "yes|no|never|late [MS]", "answer connect so from now on", parseAnswer},
     {"ping", "yes|no|never", "answer pingWithReply: so from now on", parsePing},
+    {"wait-agent", "N", "go on when agent N is here", parseWaitAgent},
+    {"expect", "MEMBER [ARGUMENTS]", "go on when an agent calls so, or has since the last expect",
+     parseExpect},
+    {"sleep", "MS", "go on after that time", parseSleep},
     {"help", "", "print these lines", parseHelp},
     {"quit", "", "end; the end of the input does not", parseQuit},
 }};

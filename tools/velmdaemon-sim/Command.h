@@ -26,6 +26,9 @@ struct Command {
         ListAgents,
         SetAnswer,
         SetPing,
+        WaitAgent,  ///< for the agent `target`
+        Expect,     ///< a call of `member`, with `arguments` if there are any
+        Sleep,      ///< for `delay`
         Help,
         Quit
     };
@@ -39,6 +42,8 @@ struct Command {
     Answer answer = Answer::Yes;
     std::optional<std::chrono::milliseconds> delay;  ///< nothing keeps the present one
     Ping ping = Ping::Yes;
+    std::string member;
+    std::string arguments;  ///< as the columns show them
 };
 
 /// Understands one line, without its line feed. Never throws for what the line holds. Pure; any thread.

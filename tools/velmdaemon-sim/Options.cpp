@@ -40,6 +40,13 @@ const std::vector<OptionKind>& optionKinds() {
          [](Options& o, Text value) { return storeIf(pingFromWord(value), o.behaviour.ping); }},
         {"--log-level", true, false,
          [](Options& o, Text value) { return storeIf(numberFromWord(value), o.behaviour.logLevel); }},
+        {"--patience", true, false,
+         [](Options& o, Text value) { return storeIf(delayFromWord(value), o.behaviour.patience); }},
+        {"--json", false, false,
+         [](Options& o, Text) {
+             o.format = Format::Json;
+             return true;
+         }},
         {"--session", false, true, [](Options& o, Text) { return storeTrue(o.bus.session); }},
         {"--address", true, true,
          [](Options& o, Text value) {
@@ -124,6 +131,8 @@ std::string usageText(BusChoice choice) {
     }
     text +=
         "Other:\n"
+        "  --json                      print each line as a JSON object\n"
+        "  --patience MS               how long wait-agent and expect wait, in milliseconds (10000)\n"
         "  --help                      print this text and end\n"
         "  --version                   print the version and end\n"
         "\n"

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Behaviour.h"
+#include "Timeline.h"
 
 namespace sim {
 
@@ -19,6 +20,7 @@ struct BusOptions {
 struct Options {
     Behaviour behaviour;
     BusOptions bus;
+    Format format = Format::Columns;
     bool help = false;
     bool version = false;
     /// What is wrong with the command line, in one line; empty if nothing is. The rest does not count then.

@@ -10,10 +10,20 @@
 namespace sim {
 namespace {
 
-constexpr const char* self = "daemon";
+const Party& self() {
+    static const Party daemon{"daemon"};
+    return daemon;
+}
+
+// Only a script asks for them, and it asks soon.
+constexpr std::size_t keptCalls = 1000;
 
 std::string describeDuration(std::chrono::steady_clock::duration duration) {
     return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(duration).count()) + " s";
+}
+
+std::string inMilliseconds(std::chrono::milliseconds time) {
+    return std::to_string(time.count()) + " ms";
 }
 
 const char* wordFor(Ping ping) {
@@ -37,7 +47,7 @@ std::string wordsFor(Answer answer, std::chrono::milliseconds delay) {
         case Answer::Never:
             return "never";
         case Answer::Late:
-            return "late, after " + std::to_string(delay.count()) + " ms";
+            return "late, after " + inMilliseconds(delay);
     }
     return "";
 }
@@ -47,34 +57,32 @@ std::string wordsFor(Answer answer, std::chrono::milliseconds delay) {
 // Writes each call to the timeline, and makes it.
 class StandIn::ToldAgent final : public XpcAgentProtocol {
 public:
-    ToldAgent(Timeline& timeline, std::string name, std::shared_ptr<XpcAgentProtocol> agent)
-        : m_timeline(timeline), m_name(std::move(name)), m_agent(std::move(agent)) {}
+    ToldAgent(Timeline& timeline, Party party, std::shared_ptr<XpcAgentProtocol> agent)
+        : m_timeline(timeline), m_party(std::move(party)), m_agent(std::move(agent)) {}
 
     void connected(bool flag) override {
-        tell("connected", describe(flag));
+        tell("connected:", {flag});
         m_agent->connected(flag);
     }
     void putMessage(const XpcData& data) override {
-        tell("putMessage", describe(data));
+        tell("putMessage:", {data});
         m_agent->putMessage(data);
     }
     void initRmmMessage(const std::string& message, const std::string& token, const std::string& subdomain,
                         const std::string& rmmUrl, const std::string& appVer) override {
-        tell("initRmmMessage", inQuotes(message) + " token=" + inQuotes(token) +
-                                   " subdomain=" + inQuotes(subdomain) + " rmmUrl=" + inQuotes(rmmUrl) +
-                                   " appVer=" + inQuotes(appVer));
+        tell("initRmmMessage:token:subdomain:rmmUrl:appVer:", {message, token, subdomain, rmmUrl, appVer});
         m_agent->initRmmMessage(message, token, subdomain, rmmUrl, appVer);
     }
     void networkReachability(bool reachable) override {
-        tell("networkReachability", describe(reachable));
+        tell("networkReachability:", {reachable});
         m_agent->networkReachability(reachable);
     }
     void logLevel(std::int64_t level) override {
-        tell("logLevel", std::to_string(level));
+        tell("logLevel:", {level});
         m_agent->logLevel(level);
     }
     void rmmMessage(const XpcData& data) override {
-        tell("rmmMessage", describe(data));
+        tell("rmmMessage:", {data});
         m_agent->rmmMessage(data);
     }
     bool respondsToSelector(std::string_view selector) const override {
@@ -82,10 +90,12 @@ public:
     }
 
 private:
-    void tell(std::string_view what, const std::string& details) { m_timeline.sent(m_name, what, details); }
+    void tell(std::string_view selector, const Values& arguments) {
+        m_timeline.sent(m_party, selector, arguments);
+    }
 
     Timeline& m_timeline;
-    std::string m_name;
+    Party m_party;
     std::shared_ptr<XpcAgentProtocol> m_agent;
 };
 
@@ -100,23 +110,23 @@ public:
         m_owner.answerConnect(m_address);
     }
     void pingWithReply(XpcBoolReply reply) override {
-        tell("pingWithReply");
+        tell("pingWithReply:");
         if (m_owner.m_behaviour.ping != Ping::Never) {
             const bool flag = m_owner.m_behaviour.ping == Ping::Yes;
-            tellReply("pingWithReply", describe(flag));
+            tellReply("pingWithReply:", flag);
             reply(flag);
         }
     }
-    void putMessage(const XpcData& data) override { tell("putMessage", describe(data)); }
-    void onScreenLocked(bool locked) override { tell("onScreenLocked", describe(locked)); }
+    void putMessage(const XpcData& data) override { tell("putMessage:", {data}); }
+    void onScreenLocked(bool locked) override { tell("onScreenLocked:", {locked}); }
     void onTimeZoneChanged() override { tell("onTimeZoneChanged"); }
     void requestForNetworkReachability() override { tell("requestForNetworkReachability"); }
     void requestForInitRmm() override { tell("requestForInitRmm"); }
     void requestForLogLevel(std::int32_t level) override {
-        tell("requestForLogLevel", std::to_string(level));
+        tell("requestForLogLevel:", {std::int64_t{level}});
         const auto found = m_owner.m_agents.find(m_address);
         if (found != m_owner.m_agents.end()) {
-            ToldAgent(m_owner.m_timeline, m_owner.nameOf(m_address), found->second.peer.agent)
+            ToldAgent(m_owner.m_timeline, m_owner.partyAt(m_address), found->second.peer.agent)
                 .logLevel(m_owner.m_behaviour.logLevel);
         }
     }
@@ -127,33 +137,33 @@ public:
         if (found != m_owner.m_agents.end()) {
             seconds = std::chrono::system_clock::to_time_t(found->second.lastCall);
         }
-        tell("lastCommunicationTime");
-        answerNumber("lastCommunicationTime", seconds, reply);
+        tell("lastCommunicationTime:");
+        answerNumber("lastCommunicationTime:", seconds, reply);
     }
     void loggedUser(XpcStringReply reply) override {
-        tell("loggedUser");
+        tell("loggedUser:");
         const auto found = m_owner.m_agents.find(m_address);
         const std::string user = found == m_owner.m_agents.end() ? std::string() : found->second.peer.user;
-        tellReply("loggedUser", inQuotes(user));
+        tellReply("loggedUser:", user);
         reply(user);
     }
     // In seconds, of this program.
     void upTime(XpcNumberReply reply) override {
-        tell("upTime");
+        tell("upTime:");
         const auto up = std::chrono::steady_clock::now() - m_owner.m_started;
-        answerNumber("upTime", std::chrono::duration_cast<std::chrono::seconds>(up).count(), reply);
+        answerNumber("upTime:", std::chrono::duration_cast<std::chrono::seconds>(up).count(), reply);
     }
     void requestForRmmMonitors() override { tell("requestForRmmMonitors"); }
 
 private:
-    void tell(std::string_view what, const std::string& details = {}) {
-        m_owner.received(m_address, what, details);
+    void tell(std::string_view selector, const Values& arguments = {}) {
+        m_owner.received(m_address, selector, arguments);
     }
-    void tellReply(const std::string& what, const std::string& value) {
-        m_owner.m_timeline.sent(m_owner.nameOf(m_address), "reply", what + " " + value);
+    void tellReply(std::string_view selector, const Value& value) {
+        m_owner.m_timeline.replied(m_owner.partyAt(m_address), selector, value);
     }
-    void answerNumber(const std::string& what, std::int64_t value, const XpcNumberReply& reply) {
-        tellReply(what, std::to_string(value));
+    void answerNumber(std::string_view selector, std::int64_t value, const XpcNumberReply& reply) {
+        tellReply(selector, value);
         reply(value);
     }
 
@@ -162,16 +172,20 @@ private:
     Introduction m_introduction;
 };
 
-StandIn::StandIn(Behaviour behaviour, Timeline& timeline, Later later)
-    : m_behaviour(behaviour), m_timeline(timeline), m_later(std::move(later)) {}
+StandIn::StandIn(Behaviour behaviour, Timeline& timeline, Later later, End end)
+    : m_behaviour(behaviour), m_timeline(timeline), m_later(std::move(later)), m_end(std::move(end)) {}
 
 std::unique_ptr<XpcDaemonProtocol> StandIn::conversation(std::string address, Introduction introduction) {
     return std::make_unique<Conversation>(*this, std::move(address), std::move(introduction));
 }
 
-std::string StandIn::nameOf(const std::string& address) const {
+Party StandIn::partyAt(const std::string& address) const {
     const auto found = m_agents.find(address);
-    return found == m_agents.end() ? address : "agent " + std::to_string(found->second.number);
+    if (found == m_agents.end()) {
+        return {address};
+    }
+    const Agent& agent = found->second;
+    return {"agent " + std::to_string(agent.number), agent.number, agent.peer.user};
 }
 
 void StandIn::meet(const std::string& address, const Introduction& introduction) {
@@ -182,11 +196,18 @@ void StandIn::meet(const std::string& address, const Introduction& introduction)
     const std::string description = peer.description;
     const auto now = std::chrono::steady_clock::now();
     m_agents.emplace(address, Agent{++m_lastNumber, std::move(peer), now, {}});
-    m_timeline.note(nameOf(address), "arrived", description);
+    m_timeline.note(partyAt(address), "arrived", description);
+    lookAgain();
 }
 
-void StandIn::received(const std::string& address, std::string_view what, std::string_view details) {
-    m_timeline.received(nameOf(address), what, details);
+void StandIn::received(const std::string& address, std::string_view selector, const Values& arguments) {
+    m_timeline.received(partyAt(address), selector, arguments);
+    m_received.push_back(
+        {std::string(selector.substr(0, selector.find(':'))), describe(selector, arguments)});
+    if (m_received.size() > keptCalls) {
+        m_received.pop_front();
+    }
+    lookAgain();
     const auto found = m_agents.find(address);
     if (found != m_agents.end()) {
         found->second.lastCall = std::chrono::system_clock::now();
@@ -212,7 +233,7 @@ void StandIn::answerConnect(const std::string& address) {
 void StandIn::confirm(const std::string& address, bool flag) {
     const auto found = m_agents.find(address);
     if (found != m_agents.end()) {
-        ToldAgent(m_timeline, nameOf(address), found->second.peer.agent).connected(flag);
+        ToldAgent(m_timeline, partyAt(address), found->second.peer.agent).connected(flag);
     }
 }
 
@@ -222,17 +243,28 @@ void StandIn::left(const std::string& address) {
         return;
     }
     const auto stay = std::chrono::steady_clock::now() - found->second.arrived;
-    m_timeline.note(nameOf(address), "left", "after " + describeDuration(stay));
+    m_timeline.note(partyAt(address), "left", "after " + describeDuration(stay));
     m_agents.erase(found);
 }
 
 void StandIn::refused(const std::string& address, std::string_view what, std::string_view why) {
-    std::string details(what);
-    m_timeline.received(nameOf(address), "refused", details.append(": ").append(why));
+    m_timeline.refused(partyAt(address), what, why);
 }
 
-bool StandIn::execute(std::string_view line) {
-    const Command command = parseCommand(line);
+void StandIn::execute(std::string_view line) {
+    m_lines.emplace_back(line);
+    carryOn();
+}
+
+void StandIn::carryOn() {
+    while (!m_wait && !m_ended && !m_lines.empty()) {
+        const Command command = parseCommand(m_lines.front());
+        m_lines.pop_front();
+        carryOut(command);
+    }
+}
+
+void StandIn::carryOut(const Command& command) {
     switch (command.kind) {
         case Command::Kind::Nothing:
             break;
@@ -248,24 +280,88 @@ bool StandIn::execute(std::string_view line) {
         case Command::Kind::SetAnswer:
             m_behaviour.answer = command.answer;
             m_behaviour.delay = command.delay.value_or(m_behaviour.delay);
-            m_timeline.note(self, "answer", wordsFor(m_behaviour.answer, m_behaviour.delay));
+            m_timeline.note(self(), "answer", wordsFor(m_behaviour.answer, m_behaviour.delay));
             break;
         case Command::Kind::SetPing:
             m_behaviour.ping = command.ping;
-            m_timeline.note(self, "ping", wordFor(m_behaviour.ping));
+            m_timeline.note(self(), "ping", wordFor(m_behaviour.ping));
+            break;
+        case Command::Kind::WaitAgent:
+            await(m_behaviour.patience, {[this, number = *command.target] { return isHere(number); },
+                                         "agent " + std::to_string(*command.target) +
+                                             " did not come within " + inMilliseconds(m_behaviour.patience)});
+            break;
+        case Command::Kind::Expect:
+            await(m_behaviour.patience,
+                  {[this, command] { return takeCall(command.member, command.arguments); },
+                   "no " + command.member + (command.arguments.empty() ? "" : " ") + command.arguments +
+                       " came within " + inMilliseconds(m_behaviour.patience)});
+            break;
+        case Command::Kind::Sleep:
+            await(*command.delay, {[] { return false; }, {}});
             break;
         case Command::Kind::Help:
-            m_timeline.text(commandHelp());
+            m_timeline.text("help", commandHelp());
             break;
         case Command::Kind::Quit:
-            return false;
+            m_ended = true;
+            m_end();
+            break;
     }
+}
+
+void StandIn::await(std::chrono::milliseconds atMost, Wait wait) {
+    if (wait.isOver()) {
+        return;
+    }
+    m_wait = std::move(wait);
+    m_later(atMost, [this, number = ++m_waits] { endWait(number); });
+}
+
+// Later, so that the call which ends a wait is answered before what comes next.
+void StandIn::lookAgain() {
+    if (!m_wait) {
+        return;
+    }
+    m_later(std::chrono::milliseconds(0), [this] {
+        if (m_wait && m_wait->isOver()) {
+            m_wait.reset();
+            carryOn();
+        }
+    });
+}
+
+void StandIn::endWait(unsigned number) {
+    if (!m_wait || m_waits != number) {
+        return;
+    }
+    const Wait ended = *std::exchange(m_wait, std::nullopt);
+    if (!ended.complaint.empty()) {
+        complain(ended.complaint);
+    }
+    carryOn();
+}
+
+bool StandIn::isHere(std::int64_t number) const {
+    return std::any_of(m_agents.begin(), m_agents.end(),
+                       [number](const auto& each) { return each.second.number == number; });
+}
+
+// What came before the call goes with it, so that a script follows the calls in their order.
+bool StandIn::takeCall(const std::string& member, const std::string& arguments) {
+    const auto found = std::find_if(m_received.begin(), m_received.end(), [&](const ReceivedCall& call) {
+        return call.member == member && (arguments.empty() || call.arguments == arguments);
+    });
+    if (found == m_received.end()) {
+        return false;
+    }
+    m_received.erase(m_received.begin(), found + 1);
     return true;
 }
 
 void StandIn::listAgents() {
     if (m_agents.empty()) {
-        m_timeline.note(self, "agents", "none");
+        m_timeline.note(self(), "agents", "none");
         return;
     }
     std::map<int, const Agent*> byNumber;
@@ -274,7 +370,7 @@ void StandIn::listAgents() {
     }
     const auto now = std::chrono::steady_clock::now();
     for (const auto& [number, agent] : byNumber) {
-        m_timeline.note("agent " + std::to_string(number), "here",
+        m_timeline.note({"agent " + std::to_string(number), number, agent->peer.user}, "here",
                         agent->peer.description + ", for " + describeDuration(now - agent->arrived));
     }
 }
@@ -292,13 +388,14 @@ void StandIn::send(const Command& command) {
                                 : std::string("no agent is here"));
     }
     for (const auto& [number, address] : wanted) {
-        ToldAgent told(m_timeline, nameOf(address), m_agents.find(address)->second.peer.agent);
+        ToldAgent told(m_timeline, partyAt(address), m_agents.find(address)->second.peer.agent);
         command.send(told);
     }
 }
 
 void StandIn::complain(std::string_view why) {
-    m_timeline.note(self, "not done", why);
+    m_allDone = false;
+    m_timeline.note(self(), "not done", why);
 }
 
 }  // namespace sim

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -37,7 +40,10 @@ public:
     /// Tells about the agent that sends `connect` for the first time.
     using Introduction = std::function<Peer()>;
 
-    StandIn(Behaviour behaviour, Timeline& timeline, Later later);
+    /// Asks for the end of the program.
+    using End = std::function<void()>;
+
+    StandIn(Behaviour behaviour, Timeline& timeline, Later later, End end);
 
     /// What the calls from `address` go to. Any number may exist for one address, for one call or for many.
     std::unique_ptr<XpcDaemonProtocol> conversation(std::string address, Introduction introduction);
@@ -48,12 +54,24 @@ public:
     /// The agent at `address` refused a call.
     void refused(const std::string& address, std::string_view what, std::string_view why);
 
-    /// Carries out a line of standard input. False if it asks for the end of the program.
-    bool execute(std::string_view line);
+    /// Takes a line of standard input and carries it out, at once or when those before it are done.
+    void execute(std::string_view line);
+
+    /// Whether every command so far could be carried out; one that still waits does not count.
+    bool allDone() const { return m_allDone; }
 
 private:
     class Conversation;
     class ToldAgent;
+    struct ReceivedCall {
+        std::string member;
+        std::string arguments;
+    };
+    /// What the commands that come next wait for.
+    struct Wait {
+        std::function<bool()> isOver;
+        std::string complaint;  ///< if it is not over in time; empty if that is as it should be
+    };
     struct Agent {
         int number;
         Peer peer;
@@ -61,11 +79,18 @@ private:
         std::chrono::system_clock::time_point lastCall;
     };
 
-    std::string nameOf(const std::string& address) const;
+    Party partyAt(const std::string& address) const;
     void meet(const std::string& address, const Introduction& introduction);
-    void received(const std::string& address, std::string_view what, std::string_view details);
+    void received(const std::string& address, std::string_view selector, const Values& arguments);
     void answerConnect(const std::string& address);
     void confirm(const std::string& address, bool flag);
+    void carryOn();
+    void carryOut(const Command& command);
+    void await(std::chrono::milliseconds atMost, Wait wait);
+    void lookAgain();
+    void endWait(unsigned number);
+    bool isHere(std::int64_t number) const;
+    bool takeCall(const std::string& member, const std::string& arguments);
     void listAgents();
     void send(const Command& command);
     void complain(std::string_view why);
@@ -73,8 +98,15 @@ private:
     Behaviour m_behaviour;
     Timeline& m_timeline;
     Later m_later;
+    End m_end;
     std::map<std::string, Agent> m_agents;
     int m_lastNumber = 0;
+    std::deque<std::string> m_lines;      ///< not yet carried out
+    std::deque<ReceivedCall> m_received;  ///< and not yet expected
+    std::optional<Wait> m_wait;
+    unsigned m_waits = 0;
+    bool m_ended = false;
+    bool m_allDone = true;
     std::chrono::steady_clock::time_point m_started = std::chrono::steady_clock::now();
 };
 

@@ -28,12 +28,6 @@ std::size_t cutBefore(std::string_view text, std::size_t end) {
     return std::min(end, text.size());
 }
 
-void appendHex(std::string& out, char byte) {
-    const auto value = static_cast<unsigned char>(byte);
-    out.push_back(hexDigits[value >> 4U]);
-    out.push_back(hexDigits[value & 0x0FU]);
-}
-
 void appendEscaped(std::string& out, char c) {
     switch (c) {
         case '\n':
@@ -46,12 +40,16 @@ void appendEscaped(std::string& out, char c) {
             out += "\\t";
             break;
         default:
-            out += "\\x";
-            appendHex(out, c);
+            out += "\\x" + inHex(c);
     }
 }
 
 }  // namespace
+
+std::string inHex(char byte) {
+    const auto value = static_cast<unsigned char>(byte);
+    return {hexDigits[value >> 4U], hexDigits[value & 0x0FU]};
+}
 
 std::string padded(std::string_view text, std::size_t width) {
     std::string out(text);
@@ -89,27 +87,45 @@ std::string describe(const XpcData& data) {
     std::string text;
     out += ' ';
     for (const char byte : shown) {
-        out += ' ';
-        appendHex(out, byte);
+        out += ' ' + inHex(byte);
         text.push_back(isPrintableAscii(byte) ? byte : '.');
     }
     const char* more = shown.size() < data.length ? "..." : "";
     return out + more + "  |" + text + "|" + more;
 }
 
-std::string describe(const XpcNumber& number) {
-    if (const bool* flag = std::get_if<bool>(&number)) {
+std::string describe(const Value& value) {
+    if (const bool* flag = std::get_if<bool>(&value)) {
         return describe(*flag);
     }
+    if (const auto* text = std::get_if<std::string_view>(&value)) {
+        return inQuotes(*text);
+    }
+    if (const auto* data = std::get_if<XpcData>(&value)) {
+        return describe(*data);
+    }
     std::ostringstream out;
-    if (const auto* integer = std::get_if<std::int64_t>(&number)) {
+    if (const auto* integer = std::get_if<std::int64_t>(&value)) {
         out << *integer;
-    } else if (const auto* natural = std::get_if<std::uint64_t>(&number)) {
+    } else if (const auto* natural = std::get_if<std::uint64_t>(&value)) {
         out << *natural;
-    } else if (const auto* real = std::get_if<double>(&number)) {
+    } else if (const auto* real = std::get_if<double>(&value)) {
         out << *real;
     }
     return out.str();
+}
+
+std::string describe(std::string_view selector, const Values& arguments) {
+    std::string out;
+    for (const Value& argument : arguments) {
+        const std::size_t colon = std::min(selector.find(':'), selector.size());
+        if (!out.empty()) {
+            out.append(" ").append(selector.substr(0, colon)).append("=");
+        }
+        out.append(describe(argument));
+        selector.remove_prefix(std::min(colon + 1, selector.size()));
+    }
+    return out;
 }
 
 }  // namespace sim

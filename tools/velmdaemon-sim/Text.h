@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "velmmonitord/XpcProtocols.h"
+#include "Value.h"
 
 /// Values as one line shows them. All functions are pure; any thread.
 namespace sim {
@@ -22,6 +22,13 @@ std::string describe(bool flag);
 /// The length and, if there are any bytes, the first of them in hexadecimal and as text.
 std::string describe(const XpcData& data);
 
-std::string describe(const XpcNumber& number);
+/// Any value: data as above, text in quotes, numbers in decimal.
+std::string describe(const Value& value);
+
+/// The arguments of a method in one line, each but the first with its label in `selector`.
+std::string describe(std::string_view selector, const Values& arguments);
+
+/// The byte as two hexadecimal digits.
+std::string inHex(char byte);
 
 }  // namespace sim

@@ -186,4 +186,25 @@ TEST(SimCommand, EveryCommandOfTheHelpIsUnderstood) {
     }
 }
 
+TEST(SimCommand, WaitsTakeWhatTheyWaitFor) {
+    EXPECT_EQ(parseCommand("wait-agent 3").target, 3);
+    EXPECT_EQ(parseCommand("sleep 20").delay, std::chrono::milliseconds(20));
+    const Command expect = parseCommand("expect onScreenLocked YES");
+    EXPECT_EQ(expect.kind, Command::Kind::Expect);
+    EXPECT_EQ(expect.member, "onScreenLocked");
+    EXPECT_EQ(expect.arguments, "YES");
+}
+
+TEST(SimCommand, RefusesWaitsThatCannotEnd) {
+    for (const char* line : {"wait-agent", "wait-agent 0", "wait-agent all"}) {
+        EXPECT_THAT(errorOf(line), HasSubstr("wait-agent needs")) << line;
+    }
+    for (const char* line : {"expect", "expect connected", "expect onScreenLocked:"}) {
+        EXPECT_THAT(errorOf(line), HasSubstr("expect needs")) << line;
+    }
+    for (const char* line : {"sleep", "sleep -1", "sleep long", "sleep 3600001"}) {
+        EXPECT_THAT(errorOf(line), HasSubstr("sleep needs")) << line;
+    }
+}
+
 }  // namespace

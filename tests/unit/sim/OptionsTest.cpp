@@ -22,15 +22,18 @@ TEST(SimOptions, WithoutAnyEverythingIsAnsweredYes) {
     EXPECT_FALSE(options.bus.session || options.bus.replace || options.bus.queue || options.help ||
                  options.version);
     EXPECT_EQ(options.bus.address, "");
+    EXPECT_EQ(options.format, Format::Columns);
 }
 
 TEST(SimOptions, TakesEachOption) {
-    const Options options =
-        parse({"--answer", "late", "--delay=20", "--ping", "no", "--log-level=-2", "--address",
-               "unix:path=/x,guid=1", "--replace", "--queue", "--help", "--version"});
+    const Options options = parse({"--answer", "late", "--delay=20", "--ping", "no", "--log-level=-2",
+                                   "--address", "unix:path=/x,guid=1", "--replace", "--queue", "--help",
+                                   "--version", "--json", "--patience=7"});
     EXPECT_EQ(options.error, "");
     EXPECT_EQ(options.behaviour.answer, Answer::Late);
     EXPECT_EQ(options.behaviour.delay, std::chrono::milliseconds(20));
+    EXPECT_EQ(options.behaviour.patience, std::chrono::milliseconds(7));
+    EXPECT_EQ(options.format, Format::Json);
     EXPECT_EQ(options.behaviour.ping, Ping::No);
     EXPECT_EQ(options.behaviour.logLevel, -2);
     EXPECT_EQ(options.bus.address, "unix:path=/x,guid=1");

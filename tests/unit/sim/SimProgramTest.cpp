@@ -346,7 +346,31 @@ TEST_F(SimProgram, ABadCommandDoesNotEndIt) {
     daemon->say("shout");
     EXPECT_THAT(daemon->awaitLine("not done"), HasSubstr("unknown command \"shout\""));
     daemon->say("quit");
+    EXPECT_EQ(daemon->awaitEnd(), 8);
+}
+
+TEST_F(SimProgram, PlaysAScriptAndTellsByItsStatusWhetherAllOfItWasDone) {
+    const auto daemon = start({"--json"});
+    daemon->awaitLine(R"("member":"ready")");
+    daemon->say("wait-agent 1\nto 1 put hello\nexpect onScreenLocked YES\nsleep 1\nquit");
+    FakeAgent agent(bus.address());
+    agent.call("connect");
+    EXPECT_EQ(agent.awaitCall(), "connected YES");
+    EXPECT_EQ(agent.awaitCall(), "putMessage 5");
+    const MessageHandle call = agent.newCall("onScreenLocked");
+    sd_bus_message_append(call.get(), "b", 1);
+    agent.exchange(call);
+    EXPECT_THAT(daemon->awaitLine("onScreenLocked"),
+                HasSubstr(R"("direction":"received","member":"onScreenLocked","arguments":[true]})"));
     EXPECT_EQ(daemon->awaitEnd(), 0);
+}
+
+TEST_F(SimProgram, WhatItExpectsInVainShowsInItsStatusHoweverItEnds) {
+    const auto daemon = startReady({"--patience", "50"});
+    daemon->say("expect onTimeZoneChanged");
+    EXPECT_THAT(daemon->awaitLine("not done"), HasSubstr("no onTimeZoneChanged came within 50 ms"));
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->awaitEnd(), 8);
 }
 
 TEST_F(SimProgram, TheEndOfItsInputDoesNotEndIt) {

@@ -25,9 +25,12 @@ class SimStandIn : public testing::Test {
 protected:
     explicit SimStandIn(const Behaviour& behaviour = {})
         : timeline([this](std::string_view line) { lines.emplace_back(line); }),
-          standIn(behaviour, timeline, [this](std::chrono::milliseconds delay, std::function<void()> work) {
-              delayed.emplace_back(delay, std::move(work));
-          }) {}
+          standIn(
+              behaviour, timeline,
+              [this](std::chrono::milliseconds delay, std::function<void()> work) {
+                  delayed.emplace_back(delay, std::move(work));
+              },
+              [this] { ended = true; }) {}
 
     std::unique_ptr<XpcDaemonProtocol> callFrom(const std::string& address) {
         return standIn.conversation(address, [this, address] {
@@ -39,6 +42,25 @@ protected:
     }
 
     const std::vector<std::string>& callsTo(const std::string& address) { return agents.at(address)->calls; }
+
+    // Runs the delayed work that is due by then, and what that delays.
+    void passTime(std::chrono::milliseconds atMost) {
+        while (!delayed.empty()) {
+            auto due = std::exchange(delayed, {});
+            bool ran = false;
+            for (auto& [delay, work] : due) {
+                if (delay <= atMost) {
+                    work();
+                    ran = true;
+                } else {
+                    delayed.emplace_back(delay, std::move(work));
+                }
+            }
+            if (!ran) {
+                return;
+            }
+        }
+    }
 
     // The lines since the last time, without their times and line feeds.
     std::vector<std::string> newLines() {
@@ -53,6 +75,7 @@ protected:
     std::vector<std::pair<std::chrono::milliseconds, std::function<void()>>> delayed;
     std::map<std::string, std::shared_ptr<RecordingAgent>> agents;
     int introductions = 0;
+    bool ended = false;
     Timeline timeline;
     StandIn standIn;
 };
@@ -224,7 +247,9 @@ TEST_F(SimStandIn, ACommandWithoutAnAgentToCallSaysSoAndDoesNothing) {
 TEST_F(SimStandIn, ABadCommandGetsOneLineAndDoesNothing) {
     callFrom("x")->connect();
     newLines();
-    EXPECT_TRUE(standIn.execute("log-level high"));
+    standIn.execute("log-level high");
+    EXPECT_FALSE(ended);
+    EXPECT_FALSE(standIn.allDone());
     EXPECT_THAT(newLines(), ElementsAre("daemon       not done              log-level needs a number"));
     EXPECT_THAT(callsTo("x"), ElementsAre("connected:1"));
 }
@@ -258,10 +283,102 @@ TEST_F(SimStandIn, ShowsWhatAnAgentRefuses) {
 }
 
 TEST_F(SimStandIn, QuitEndsAndHelpHelps) {
-    EXPECT_TRUE(standIn.execute(""));
-    EXPECT_TRUE(standIn.execute("help"));
+    standIn.execute("");
+    standIn.execute("help");
     EXPECT_THAT(lines, ElementsAre(commandHelp()));
-    EXPECT_FALSE(standIn.execute("quit"));
+    EXPECT_FALSE(ended);
+    standIn.execute("quit");
+    EXPECT_TRUE(ended);
+    EXPECT_TRUE(standIn.allDone());
+    standIn.execute("help");
+    EXPECT_EQ(lines.size(), 1U);
+}
+
+constexpr std::chrono::milliseconds atOnce{0};
+constexpr std::chrono::milliseconds patience{10000};
+
+TEST_F(SimStandIn, WaitsForAnAgentBeforeItGoesOn) {
+    standIn.execute("wait-agent 1");
+    standIn.execute("put x");
+    passTime(atOnce);
+    EXPECT_THAT(newLines(), IsEmpty());
+    callFrom("a")->connect();
+    passTime(atOnce);
+    // After the answer to what the agent came with.
+    EXPECT_THAT(callsTo("a"), ElementsAre("connected:1", "putMessage:x"));
+    EXPECT_TRUE(standIn.allDone());
+}
+
+TEST_F(SimStandIn, GoesOnAtOnceWhenTheAgentIsThere) {
+    callFrom("a")->connect();
+    standIn.execute("wait-agent 1");
+    standIn.execute("put x");
+    EXPECT_THAT(callsTo("a"), ElementsAre("connected:1", "putMessage:x"));
+}
+
+TEST_F(SimStandIn, AnAgentThatDoesNotComeIsNotDone) {
+    standIn.execute("wait-agent 2");
+    standIn.execute("agents");
+    callFrom("a")->connect();
+    newLines();
+    passTime(patience);
+    EXPECT_THAT(newLines(),
+                ElementsAre("daemon       not done              agent 2 did not come within 10000 ms",
+                            HasSubstr("here")));
+    EXPECT_FALSE(standIn.allDone());
+}
+
+TEST_F(SimStandIn, ExpectsACallThatComesLater) {
+    callFrom("a")->connect();
+    standIn.execute("expect onScreenLocked");
+    standIn.execute("put x");
+    passTime(atOnce);
+    EXPECT_THAT(callsTo("a"), ElementsAre("connected:1"));
+    callFrom("a")->onScreenLocked(true);
+    passTime(atOnce);
+    EXPECT_THAT(callsTo("a"), ElementsAre("connected:1", "putMessage:x"));
+    passTime(patience);
+    EXPECT_TRUE(standIn.allDone());
+}
+
+TEST_F(SimStandIn, ExpectsCallsInTheirOrderAndEachOnce) {
+    callFrom("a")->connect();
+    callFrom("a")->onScreenLocked(true);
+    callFrom("a")->onScreenLocked(false);
+    standIn.execute("expect connect");
+    standIn.execute("expect onScreenLocked NO");
+    passTime(patience);
+    EXPECT_TRUE(standIn.allDone());
+    newLines();
+    // The lock came before the unlock that was expected last.
+    standIn.execute("expect onScreenLocked YES");
+    passTime(patience);
+    EXPECT_THAT(newLines(),
+                ElementsAre("daemon       not done              no onScreenLocked YES came within 10000 ms"));
+    EXPECT_FALSE(standIn.allDone());
+}
+
+TEST_F(SimStandIn, ALateTimeOutEndsNoOtherWait) {
+    standIn.execute("wait-agent 1");
+    callFrom("a")->connect();
+    passTime(atOnce);
+    standIn.execute("expect onTimeZoneChanged");
+    ASSERT_EQ(delayed.size(), 2U);
+    delayed.front().second();  // the first wait's
+    callFrom("a")->onTimeZoneChanged();
+    passTime(atOnce);
+    EXPECT_TRUE(standIn.allDone());
+}
+
+TEST_F(SimStandIn, SleepsBeforeItGoesOn) {
+    callFrom("a")->connect();
+    standIn.execute("sleep 250");
+    standIn.execute("put x");
+    passTime(std::chrono::milliseconds(249));
+    EXPECT_THAT(callsTo("a"), ElementsAre("connected:1"));
+    passTime(std::chrono::milliseconds(250));
+    EXPECT_THAT(callsTo("a"), ElementsAre("connected:1", "putMessage:x"));
+    EXPECT_TRUE(standIn.allDone());
 }
 
 }  // namespace

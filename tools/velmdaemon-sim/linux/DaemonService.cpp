@@ -131,7 +131,7 @@ void DaemonService::requestName() {
     }
     checked(result, "own " + name);
     if (result == 0) {
-        m_timeline.note("daemon", "waiting", "for " + name + ", which another program owns");
+        m_timeline.note({"daemon"}, "waiting", "for " + name + ", which another program owns");
     }
 }
 
@@ -199,7 +199,7 @@ int DaemonService::onCall(sd_bus_message* call, void* userdata, sd_bus_error* /*
 int DaemonService::onNameAcquired(sd_bus_message* signal, void* userdata, sd_bus_error* /*error*/) {
     auto* self = static_cast<DaemonService*>(userdata);
     if (concernsName(signal)) {
-        self->m_timeline.note("daemon", "ready",
+        self->m_timeline.note({"daemon"}, "ready",
                               std::string("as ") + daemonServiceName + " on " + describe(self->m_options));
     }
     return 0;
@@ -212,7 +212,7 @@ int DaemonService::onNameLost(sd_bus_message* signal, void* userdata, sd_bus_err
     }
     const std::string lost = std::string("another program took the name ") + daemonServiceName;
     if (self->m_options.queue) {
-        self->m_timeline.note("daemon", "waiting", lost);
+        self->m_timeline.note({"daemon"}, "waiting", lost);
     } else {
         self->end(ExitStatus::NameLost, lost);
     }

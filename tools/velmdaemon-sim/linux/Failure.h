@@ -14,7 +14,8 @@ enum class ExitStatus {
     NoPermission = 4,
     NameTaken = 5,
     BusLost = 6,
-    NameLost = 7
+    NameLost = 7,
+    NotDone = 8
 };
 
 /// Why the program cannot go on: a line for the user, and the status to end with.

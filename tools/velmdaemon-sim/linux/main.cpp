@@ -26,7 +26,8 @@ constexpr const char* exitStatusText =
     "  4  no permission to own the service name\n"
     "  5  the service name is taken\n"
     "  6  the bus was lost\n"
-    "  7  another program took the service name\n";
+    "  7  another program took the service name\n"
+    "  8  ended as asked, but a command was not done\n";
 
 EventHandle newEventLoop() {
     sd_event* event = nullptr;
@@ -48,21 +49,21 @@ int serve(const Options& options) {
     endOnSignal(event.get(), SIGINT);
 
     OutputStream output(event.get());
-    Timeline timeline([&output](std::string_view text) { output.write(text); });
+    Timeline timeline([&output](std::string_view text) { output.write(text); }, options.format);
     Delays delays(event.get());
-    StandIn standIn(options.behaviour, timeline,
-                    [&delays](std::chrono::milliseconds delay, std::function<void()> work) {
-                        delays.after(delay, std::move(work));
-                    });
+    StandIn standIn(
+        options.behaviour, timeline,
+        [&delays](std::chrono::milliseconds delay, std::function<void()> work) {
+            delays.after(delay, std::move(work));
+        },
+        [&event] { sd_event_exit(event.get(), static_cast<int>(ExitStatus::AsAsked)); });
     const DaemonService service(event.get(), options.bus, standIn, timeline, delays);
     const InputLines input(event.get(), LineSplitter([&](std::string_view line) {
-                               const bool goOn = standIn.execute(line);
-                               if (!goOn) {
-                                   sd_event_exit(event.get(), static_cast<int>(ExitStatus::AsAsked));
-                               }
-                               return goOn;
+                               standIn.execute(line);
+                               return true;
                            }));
-    return checked(sd_event_loop(event.get()), "run the event loop");
+    const int status = checked(sd_event_loop(event.get()), "run the event loop");
+    return status == 0 && !standIn.allDone() ? static_cast<int>(ExitStatus::NotDone) : status;
 }
 
 int complain(ExitStatus status, const std::string& why) {

@@ -25,7 +25,8 @@ using namespace sim;
 constexpr const char* exitStatusText = "\n"
                                        "Statuses:\n"
                                        "  0  ended as asked: quit, or nobody reads the output any more\n"
-                                       "  2  the command line is wrong\n";
+                                       "  2  the command line is wrong\n"
+                                       "  8  ended as asked, but a command was not done\n";
 
 // Unbuffered, so that every line is in the file that launchd gave, and a closed output ends the program.
 void writeOut(std::string_view text) {
@@ -75,15 +76,17 @@ dispatch_source_t watchStandardInput(LineSplitter& lines) {
 }
 
 [[noreturn]] void serve(const Options& options) {
-    Timeline timeline(writeOut);
-    StandIn standIn(options.behaviour, timeline,
-                    [](std::chrono::milliseconds delay, const std::function<void()>& work) {
-                        postToMainQueue(delay, work);
-                    });
+    Timeline timeline(writeOut, options.format);
+    const StandIn* itself = nullptr;
+    StandIn standIn(
+        options.behaviour, timeline,
+        [](std::chrono::milliseconds delay, const std::function<void()>& work) {
+            postToMainQueue(delay, work);
+        },
+        [&itself] { std::exit(itself->allDone() ? 0 : 8); });
+    itself = &standIn;
     LineSplitter lines([&standIn](std::string_view line) {
-        if (!standIn.execute(line)) {
-            std::exit(0);
-        }
+        standIn.execute(line);
         return true;
     });
 
@@ -96,7 +99,7 @@ dispatch_source_t watchStandardInput(LineSplitter& lines) {
     listener.delegate = delegate;
     [listener resume];
     __attribute__((objc_precise_lifetime, unused)) const dispatch_source_t input = watchStandardInput(lines);
-    timeline.note("daemon", "ready", "as com.brovik.velmdaemon");
+    timeline.note({"daemon"}, "ready", "as com.brovik.velmdaemon");
     dispatch_main();
 }
 
