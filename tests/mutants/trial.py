@@ -99,5 +99,5 @@ class Trial:
             return Verdict.SURVIVED, f"{len(results)} tests matching {mutant.test} passed"
 
     def _first_error(self):
-        errors = [line for line in self._log.read_text(errors="replace").splitlines() if "error" in line.lower()]
+        errors = [line for line in self._log.read_text(errors="replace").splitlines() if re.search("error:|FAILED|undefined", line)]
         return errors[0].replace(f"{self._copy.place}{os.sep}", "") if errors else "see build/mutants/last.log"

@@ -8,6 +8,7 @@ plain_steps() {
     step build          "builds with g++, warnings are errors" build debug || return
     step test           "unit and link tests" run_tests debug -L 'unit|link'
     step macos          "macOS sources compile; metadata equals the protocol table" tests/macos/check.sh build/macos
+    step mutants        "each seeded mistake still applies to the tree" tests/mutants/run --lint
     step examples       "the examples run" examples/check.sh build/debug
     step consumer       "another project builds against the installed libraries" tests/consumer/check.sh build/debug
 }
@@ -17,6 +18,7 @@ deep_steps() {
     step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
     step run            "the demonstration" ./run
     step model          "a model of the link: never wedged, and each promise is needed" docs/model/run
+    step mutants-sample "20 seeded mistakes, and a test that notices each" tests/mutants/run --sample 20 --jobs "$jobs"
     step build-clang    "builds with clang++, warnings are errors" build clang &&
         step test-clang "unit tests" run_tests clang -L unit
     step tidy           "clang-tidy on every source" tools/check/tidy.py build/clang

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <future>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -266,6 +267,37 @@ TEST(BaseTimer, LooksAtTheSingleShotFlagAfterTheTick) {
         1ms, [&] { timer.setSingleShot(++counted.calls >= 10); }, false);
     EXPECT_TRUE(eventually([&] { return idle(timer); }));
     EXPECT_GE(counted.calls, 10);
+}
+
+TEST(BaseTimer, DoesNotWakeForAChangeOfTheSingleShotFlag) {
+    Counted counted;
+    cmn::BaseTimer timer(never, counted.callback, false);
+    timer.run();
+    for (const bool flag : {true, false}) {
+        awaitWait(timer);
+        timer.setSingleShot(flag);
+        std::this_thread::sleep_for(a_while);
+        EXPECT_EQ(counted.calls, 0);
+    }
+    end(timer);
+}
+
+TEST(BaseTimer, TakesNoLockForItsSettings) {
+    Counted counted;
+    cmn::BaseTimer timer(never, counted.callback, false);
+    timer.run();
+    std::future<void> set;
+    {
+        const auto held = holdInWait(timer);
+        set = std::async(std::launch::async, [&] {
+            timer.setCallback(counted.callback);
+            timer.setSingleShot(true);
+            timer.setInterval(2 * never);
+            timer.stop();
+        });
+        EXPECT_EQ(set.wait_for(20s), std::future_status::ready);
+    }
+    EXPECT_TRUE(eventually([&] { return idle(timer); }));
 }
 
 TEST(BaseTimer, LosesARunThatASingleShotCallbackMakes) {

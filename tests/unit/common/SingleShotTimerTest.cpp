@@ -377,6 +377,60 @@ TEST(SingleShotTimer, NotifiesItsWorkerForEveryRunAndEveryStopOfEverything) {
     EXPECT_EQ(notifications(timer), before + 3);
 }
 
+// `call` is held up where it notifies the worker. By then it has changed the queue, and let go of its mutex.
+template <typename Call, typename Changed>
+void expectNotifiedOutsideTheMutex(cmn::SingleShotTimer& timer, Call call, Changed changed) {
+    auto& state = stateOf(timer);
+    std::unique_lock<std::mutex> heldUp(mutexOf(state.m_semaphore));
+    std::thread caller(call);
+    EXPECT_TRUE(eventually([&] {
+        const std::unique_lock<std::mutex> free(state.m_mutex, std::try_to_lock);
+        return free.owns_lock() && changed(state.m_queue.stored());
+    }));
+    heldUp.unlock();
+    caller.join();
+}
+
+TEST(SingleShotTimer, NotifiesItsWorkerOutsideTheMutex) {
+    cmn::SingleShotTimer timer;
+    const HeldWorker held(timer);
+    expectNotifiedOutsideTheMutex(
+        timer, [&] { timer.run(never, [] {}); }, [](const auto& entries) { return entries.size() == 1; });
+    const std::uint64_t id = timer.run(2 * never, [] {});
+    expectNotifiedOutsideTheMutex(
+        timer, [&] { timer.stop(id); }, [](const auto& entries) { return entries.size() == 3; });
+    expectNotifiedOutsideTheMutex(
+        timer, [&] { timer.stop(); },
+        [](const auto& entries) {
+            return std::all_of(entries.begin(), entries.end(),
+                               [](const auto& entry) { return entry.id == 0; });
+        });
+}
+
+// True if a callback that was scheduled while the timer was locked for `pause` is due as from before the
+// release.
+bool dueAsFromBeforeTheWait(std::chrono::milliseconds pause) {
+    cmn::SingleShotTimer timer;
+    const HeldWorker held(timer);
+    auto& state = stateOf(timer);
+    std::unique_lock<std::mutex> locked(state.m_mutex);
+    std::thread scheduler([&] { timer.run(never, [] {}); });
+    std::this_thread::sleep_for(pause);
+    const auto release = Clock::now();
+    locked.unlock();
+    scheduler.join();
+    locked.lock();
+    return state.m_queue.top().dueTime - never < release;
+}
+
+TEST(SingleShotTimer, CountsADelayFromTheCallAndNotFromTheEndOfAWaitForTheLock) {
+    bool seen = false;
+    for (std::chrono::milliseconds pause = 20ms; !seen && pause < 20s; pause *= 2) {
+        seen = dueAsFromBeforeTheWait(pause);
+    }
+    EXPECT_TRUE(seen);
+}
+
 TEST(SingleShotTimer, RunsWhatACallbackSchedulesWithoutDelayInTheSamePass) {
     cmn::SingleShotTimer timer;
     cmn::Semaphore done;

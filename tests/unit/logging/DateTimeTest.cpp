@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <locale>
 #include <optional>
 #include <string>
 
@@ -78,6 +80,27 @@ TEST(DateTime, IsLocalTime) {
 TEST(DateTime, UsesTwentyFourHours) {
     const TimeZone zone("ABC-12");
     EXPECT_EQ(Logging::formatDateTime(someSecond), "2026/11/16 17:28:20:000");
+}
+
+// How times are written where people write them so.
+class HoursWithADot : public std::time_put<char> {
+protected:
+    iter_type do_put(iter_type out, std::ios_base& stream, char fill, const std::tm* time, char format,
+                     char modifier) const override {
+        if (format != 'X') {
+            return std::time_put<char>::do_put(out, stream, fill, time, format, modifier);
+        }
+        const std::string text = std::to_string(time->tm_hour) + ".";
+        return std::copy(text.begin(), text.end(), out);
+    }
+};
+
+TEST(DateTime, RendersTheTimeOfDayAsTheStreamsLocaleDoes) {
+    const TimeZone zone("UTC0");
+    const std::locale previous = std::locale::global(std::locale(std::locale::classic(), new HoursWithADot));
+    const std::string text = Logging::formatDateTime(someSecond);
+    std::locale::global(previous);
+    EXPECT_EQ(text, "2026/11/16 5.:000");
 }
 
 TEST(DateTime, ReadsTheSystemClock) {
