@@ -22,17 +22,24 @@ bool namesNoBus(int error) {
 
 BusConnection::BusConnection(sd_event* loop, Open openBus, Backoff retry, Handlers handlers)
     : m_loop(loop), m_open(openBus), m_retry(retry), m_handlers(std::move(handlers)), m_timer(loop, [this] {
-          start();
+          attempt();
       }) {}
 
 void BusConnection::start() {
+    m_retry.reset();
+    attempt();
+}
+
+void BusConnection::attempt() {
+    m_timer.stop();
     const int error = tryOpen();
     if (error >= 0) {
         m_handlers.opened(m_bus.get());
         return;
     }
     release();
-    if (!namesNoBus(error)) {
+    const bool isAwaited = m_handlers.isAwaited && m_handlers.isAwaited();
+    if (!namesNoBus(error) && !isAwaited) {
         m_timer.start(m_retry.next());
     }
 }

@@ -19,6 +19,9 @@ public:
         std::function<void(sd_bus* bus)> opened;
         /// That bus is gone; everything made from it is to be released here.
         std::function<void()> lost;
+        /// Asked after an attempt that failed: true if somebody calls `start` as soon as the bus may be
+        /// there, so that no time is set for the next attempt. May be empty, which stands for false.
+        std::function<bool()> isAwaited = nullptr;
     };
 
     /// Calls nothing yet. `retry` gives the time between attempts.
@@ -27,11 +30,12 @@ public:
     BusConnection(const BusConnection&) = delete;
     BusConnection& operator=(const BusConnection&) = delete;
 
-    /// Makes the first attempt. Gives up for good where the environment names no bus at all, as that cannot
-    /// change while the process lives.
+    /// Makes the first attempt, or the next one at once. Gives up for good where the environment names no bus
+    /// at all, as that cannot change while the process lives. Not while there is a connection.
     void start();
 
 private:
+    void attempt();
     int tryOpen();
     int prepare();
     void release();

@@ -82,6 +82,23 @@ TEST_F(BusConnectionTest, NeverTriesAgainWhereNoBusIsNamed) {
     }
 }
 
+TEST_F(BusConnectionTest, LeavesTheNextAttemptToWhoeverAwaitsTheBus) {
+    bool awaited = false;
+    BusConnection connection(loop(), &openBus, Backoff(milliseconds(20), milliseconds(5000)),
+                             {[this](sd_bus*) { ++m_opened; }, [] {}, [&awaited] { return awaited; }});
+    errorOfOpening = -ECONNREFUSED;
+    connection.start();
+    ASSERT_TRUE(waitForAttempts(3));
+    awaited = true;
+    ASSERT_TRUE(waitForAttempts(4));
+    runFor(milliseconds(600));
+    EXPECT_EQ(attempts.size(), 4U);
+    m_bus.start();
+    errorOfOpening = 0;
+    connection.start();
+    EXPECT_EQ(m_opened, 1);
+}
+
 TEST_F(BusConnectionTest, TellsOfEachLossAndOpensAgain) {
     m_bus.start();
     m_connection.start();
