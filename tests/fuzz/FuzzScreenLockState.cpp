@@ -26,7 +26,8 @@ std::vector<ScreenLockEvent> historyOf(const std::uint8_t* data, std::size_t siz
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::vector<ScreenLockEvent> history = historyOf(data, size);
     std::vector<bool> reports;
-    platform::ScreenLockState state([&reports](bool locked) { reports.push_back(locked); }, [] {});
+    platform::ScreenLockState state([&reports](bool locked) { reports.push_back(locked); },
+                                    [](const std::string&) {});
     for (const ScreenLockEvent& event : history) {
         apply(state, event);
     }

@@ -80,7 +80,7 @@ TEST_F(ScreenLock, GreeterAndManagerSessionsHaveNoScreenOfTheUsers) {
 TEST_F(ScreenLock, SessionsOfAllUserClassesCount) {
     Messages lines;
     Messages events;
-    for (const char* sessionClass : {"user-early", "user-light", "user-light-early", "user"}) {
+    for (const char* sessionClass : {"user-early", "user-light", "user-early-light", "user"}) {
         const std::string id = std::string("u") + std::to_string(lines.size());
         logind->addSession(id, agentUser, sessionClass);
         logind->announce(id);

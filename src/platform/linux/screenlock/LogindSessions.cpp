@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
+#include <optional>
+#include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
 #include "platform/linux/process/OutHandle.h"
@@ -30,15 +33,20 @@ std::string propertiesRule() {
            sessionInterface + "'";
 }
 
-// The classes that logind lets be locked, systemd 257's names included. The type is left open: a compositor
-// that was started from a console keeps the type "tty".
-bool hasScreen(const std::string& kind) {
-    static constexpr std::array<const char*, 4> kinds{"user", "user-early", "user-light", "user-light-early"};
+// The classes that logind lets be locked (SESSION_CLASS_CAN_LOCK of systemd 257). The type is left open: a
+// compositor that was started from a console keeps the type "tty".
+bool canBeLocked(const std::string& kind) {
+    static constexpr std::array<const char*, 4> kinds{"user", "user-early", "user-light", "user-early-light"};
     return std::any_of(kinds.begin(), kinds.end(), [&kind](const char* one) { return kind == one; });
 }
 
-bool isOwn(const SessionProperties& properties) {
-    return *properties.user == getuid() && hasScreen(*properties.kind);
+bool counts(const SessionProperties& properties) {
+    return properties.user == getuid() && properties.kind && canBeLocked(*properties.kind);
+}
+
+bool hasScreen(const SessionProperties& properties) {
+    const std::string type = properties.type.value_or("");
+    return type == "x11" || type == "wayland" || type == "mir" || !properties.seat.value_or("").empty();
 }
 
 }  // namespace
@@ -73,9 +81,19 @@ void LogindSessions::match(SlotHandle& slot, const std::string& rule, sd_bus_mes
 void LogindSessions::ownerChanged(const std::string& owner) {
     m_list.reset();
     m_questions.clear();
-    m_state.sessionsForgotten();
+    m_own.clear();
+    m_foreign.clear();
+    m_unlisted.clear();
     m_logind = owner;
+    m_state.sessionsForgotten();
     if (!m_logind.empty()) {
+        list();
+    }
+}
+
+// An answer that is still to come comes from after whatever was told before it.
+void LogindSessions::list() {
+    if (!m_list) {
         sd_bus_call_method_async(m_bus, OutHandle(m_list), m_logind.c_str(), managerPath, managerInterface,
                                  "ListSessions", &busCallback<&LogindSessions::listed, LogindSessions>, this,
                                  "");
@@ -83,27 +101,61 @@ void LogindSessions::ownerChanged(const std::string& owner) {
 }
 
 void LogindSessions::listed(sd_bus_message* message) {
-    if (sd_bus_message_is_method_error(message, nullptr) != 0 ||
-        sd_bus_message_enter_container(message, 'a', "(susso)") <= 0) {
-        return;
+    m_list.reset();
+    std::set<std::string> own;
+    std::set<std::string> foreign;
+    if (sd_bus_message_is_method_error(message, nullptr) == 0 &&
+        sd_bus_message_enter_container(message, 'a', "(susso)") > 0) {
+        std::uint32_t user = 0;
+        const char* path = nullptr;
+        while (sd_bus_message_read(message, "(susso)", nullptr, &user, nullptr, nullptr, &path) > 0) {
+            (user == getuid() ? own : foreign).insert(path);
+        }
+        takeList(own, foreign);
     }
-    const char* path = nullptr;
-    while (sd_bus_message_read(message, "(susso)", nullptr, nullptr, nullptr, nullptr, &path) > 0) {
-        follow(path);
+}
+
+void LogindSessions::takeList(const std::set<std::string>& own, const std::set<std::string>& foreign) {
+    const std::set<std::string> known = std::exchange(m_own, own);
+    m_foreign = foreign;
+    for (const std::string& session : std::exchange(m_unlisted, {})) {
+        if (own.count(session) == 0) {
+            m_state.sessionRemoved(session);
+        } else {
+            lookAgain(session);
+        }
+    }
+    for (const std::string& session : own) {
+        if (known.count(session) == 0) {
+            follow(session);
+        }
     }
 }
 
 void LogindSessions::sessionNew(sd_bus_message* message) {
-    const char* path = nullptr;
-    if (m_owner->sent(message) && sd_bus_message_read(message, "so", nullptr, &path) >= 0) {
-        follow(path);
+    if (m_owner->sent(message)) {
+        list();
+        lookAgainAtHints();
     }
 }
 
 void LogindSessions::sessionRemoved(sd_bus_message* message) {
     const char* path = nullptr;
     if (m_owner->sent(message) && sd_bus_message_read(message, "so", nullptr, &path) >= 0) {
-        forget(path);
+        const std::string session = path;
+        m_own.erase(session);
+        m_foreign.erase(session);
+        m_unlisted.erase(session);
+        m_questions.remove_if([&session](const Question& question) { return question.session == session; });
+        m_state.sessionRemoved(session);
+        lookAgainAtHints();
+    }
+}
+
+// A session that is only closing keeps its hint, and no signal says that it closes.
+void LogindSessions::lookAgainAtHints() {
+    for (const std::string& session : m_state.sessionsWithHint()) {
+        lookAgain(session);
     }
 }
 
@@ -113,28 +165,52 @@ void LogindSessions::propertiesChanged(sd_bus_message* message) {
         std::strcmp(interface, sessionInterface) != 0) {
         return;
     }
+    const std::string session = sd_bus_message_get_path(message);
     const auto properties = readSessionProperties(message);
-    if (!properties) {
+    if (!properties || m_foreign.count(session) > 0) {
         return;
     }
-    const std::string session = sd_bus_message_get_path(message);
     if (properties->lockedHint) {
-        // Also of a session that no list has named yet; its first read tells whose it is.
+        hintChanged(session, *properties->lockedHint);
+    }
+    // Another class may let the session be locked.
+    if (properties->kind || properties->state || listsWhatMatters(message)) {
+        otherwiseChanged(session);
+    }
+}
+
+void LogindSessions::hintChanged(const std::string& session, bool locked) {
+    if (m_own.count(session) > 0) {
         follow(session);
-        m_state.sessionChanged(session, *properties->lockedHint);
-    } else if (listsLockedHint(message)) {
+    } else {
         m_state.sessionAppeared(session);
-        ask(session);
+        m_unlisted.insert(session);
+        list();
+    }
+    m_state.sessionChanged(session, locked);
+}
+
+void LogindSessions::otherwiseChanged(const std::string& session) {
+    if (m_own.count(session) > 0) {
+        m_state.sessionAppeared(session);
+        lookAgain(session);
+    } else {
+        list();
     }
 }
 
 void LogindSessions::follow(const std::string& session) {
     if (m_state.sessionAppeared(session)) {
-        ask(session);
+        lookAgain(session);
     }
 }
 
-void LogindSessions::ask(const std::string& session) {
+void LogindSessions::lookAgain(const std::string& session) {
+    const bool asked = std::any_of(m_questions.begin(), m_questions.end(),
+                                   [&session](const Question& other) { return other.session == session; });
+    if (asked) {
+        return;
+    }
     m_questions.push_back({this, session, nullptr});
     Question& question = m_questions.back();
     sd_bus_call_method_async(m_bus, OutHandle(question.slot), m_logind.c_str(), session.c_str(),
@@ -153,17 +229,14 @@ void LogindSessions::takeAnswer(const Question& question, sd_bus_message* messag
     if (sd_bus_message_is_method_error(message, nullptr) == 0) {
         properties = readSessionProperties(message);
     }
-    if (properties && properties->user && properties->kind) {
-        m_state.sessionRead(session, isOwn(*properties), properties->lockedHint.value_or(false));
+    if (properties && counts(*properties)) {
+        m_state.sessionRead(session, {properties->state != "closing", properties->lockedHint.value_or(false),
+                                      hasScreen(*properties)});
     } else {
-        // Gone in the meantime, or not to be made out: its next signal asks again.
-        forget(session);
+        // Gone in the meantime, not to be made out, or of a class without a screen: its next signal asks
+        // again.
+        m_state.sessionRemoved(session);
     }
-}
-
-void LogindSessions::forget(const std::string& session) {
-    m_questions.remove_if([&session](const Question& question) { return question.session == session; });
-    m_state.sessionRemoved(session);
 }
 
 }  // namespace platform

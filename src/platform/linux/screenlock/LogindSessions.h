@@ -2,7 +2,7 @@
 
 #include <list>
 #include <memory>
-#include <optional>
+#include <set>
 #include <string>
 
 #include "platform/linux/bus/BusHandles.h"
@@ -15,8 +15,9 @@ namespace platform {
 /// ScreenLockState.
 ///
 /// A process of the user's service manager belongs to no session, so neither XDG_SESSION_ID nor a look-up by
-/// process would find the right one: all sessions are listed, and those of this user and of a class that has
-/// a screen count. Everything on the bus's thread.
+/// process would find the right one: the list of all sessions says which are this user's, and of these all of
+/// a class that has a screen count. No other session is ever asked for: on a machine with hundreds of them
+/// each of hundreds of agents would. Everything on the bus's thread.
 class LogindSessions {
 public:
     /// `state` must outlive this object.
@@ -29,6 +30,8 @@ public:
     void open(sd_bus* bus);
     /// Releases everything made from the bus; what was known of the sessions is forgotten.
     void close();
+    /// Asks for the session's state; the answer goes to the ScreenLockState.
+    void lookAgain(const std::string& session);
 
 private:
     struct Question {
@@ -42,14 +45,17 @@ private:
 
     void match(SlotHandle& slot, const std::string& rule, sd_bus_message_handler_t handler);
     void ownerChanged(const std::string& owner);
+    void list();
     void listed(sd_bus_message* message);
+    void takeList(const std::set<std::string>& own, const std::set<std::string>& foreign);
     void sessionNew(sd_bus_message* message);
     void sessionRemoved(sd_bus_message* message);
     void propertiesChanged(sd_bus_message* message);
+    void hintChanged(const std::string& session, bool locked);
+    void otherwiseChanged(const std::string& session);
     void follow(const std::string& session);
-    void ask(const std::string& session);
+    void lookAgainAtHints();
     void takeAnswer(const Question& question, sd_bus_message* message);
-    void forget(const std::string& session);
 
     ScreenLockState& m_state;
     sd_bus* m_bus = nullptr;
@@ -60,6 +66,11 @@ private:
     SlotHandle m_propertiesMatch;
     SlotHandle m_list;
     Questions m_questions;
+    /// What the last list said, without those that were removed since.
+    std::set<std::string> m_own;
+    std::set<std::string> m_foreign;
+    /// Sessions that sent a signal before any list named them.
+    std::set<std::string> m_unlisted;
 };
 
 }  // namespace platform

@@ -12,26 +12,47 @@ using std::chrono::seconds;
 constexpr Backoff systemBusRetry{seconds(1), seconds(1)};
 constexpr Backoff sessionBusRetry{seconds(1), seconds(60)};
 
+// A socket is there a little before anybody listens on it.
+constexpr int attemptsAfterAppearance = 4;
+
 }  // namespace
 
 ScreenLockSource::ScreenLockSource(sd_event* loop, std::function<void(bool locked)> report)
-    : m_state(std::move(report), [this] { dropSavers(); }),
+    : m_state(std::move(report), [this](const std::string& session) { m_sessions.lookAgain(session); }),
       m_sessions(m_state),
       m_savers(m_state),
+      m_sessionBusSocket(loop, [this] { sessionBusAppeared(); }),
       m_systemBus(loop, &sd_bus_open_system, systemBusRetry,
                   {[this](sd_bus* bus) { m_sessions.open(bus); }, [this] { m_sessions.close(); }}),
-      m_sessionBus(
-          std::make_unique<BusConnection>(loop, &sd_bus_open_user, sessionBusRetry,
-                                          BusConnection::Handlers{[this](sd_bus* bus) { m_savers.open(bus); },
-                                                                  [this] { m_savers.close(); }})) {
+      m_sessionBus(loop, &sd_bus_open_user, sessionBusRetry,
+                   {[this](sd_bus* bus) { sessionBusOpened(bus); }, [this] { sessionBusLost(); },
+                    [this] { return awaitSessionBus(); }}),
+      m_attemptsLeft(attemptsAfterAppearance) {
     m_systemBus.start();
-    m_sessionBus->start();
+    // Before the attempt, so that no socket appears between.
+    m_sessionBusSocket.await();
+    m_sessionBus.start();
 }
 
-// Reached only from what logind said, so no callback of the session bus is under way.
-void ScreenLockSource::dropSavers() {
+void ScreenLockSource::sessionBusOpened(sd_bus* bus) {
+    m_sessionBusSocket.stop();
+    m_savers.open(bus);
+}
+
+void ScreenLockSource::sessionBusLost() {
     m_savers.close();
-    m_sessionBus.reset();
+    m_attemptsLeft = attemptsAfterAppearance;
+    m_sessionBusSocket.await();
+}
+
+void ScreenLockSource::sessionBusAppeared() {
+    m_attemptsLeft = attemptsAfterAppearance;
+    m_sessionBus.start();
+}
+
+bool ScreenLockSource::awaitSessionBus() {
+    m_sessionBusSocket.await();
+    return m_sessionBusSocket.awaited() && m_attemptsLeft-- <= 0;
 }
 
 }  // namespace platform

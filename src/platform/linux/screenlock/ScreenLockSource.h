@@ -6,6 +6,7 @@
 #include "platform/linux/screenlock/LogindSessions.h"
 #include "platform/linux/screenlock/ScreenLockState.h"
 #include "platform/linux/screenlock/ScreenSaverSignals.h"
+#include "platform/linux/screenlock/SessionBusSocket.h"
 
 namespace platform {
 
@@ -22,13 +23,19 @@ public:
     ScreenLockSource& operator=(const ScreenLockSource&) = delete;
 
 private:
-    void dropSavers();
+    void sessionBusOpened(sd_bus* bus);
+    void sessionBusLost();
+    void sessionBusAppeared();
+    bool awaitSessionBus();
 
     ScreenLockState m_state;
     LogindSessions m_sessions;
     ScreenSaverSignals m_savers;
+    SessionBusSocket m_sessionBusSocket;
     BusConnection m_systemBus;
-    std::unique_ptr<BusConnection> m_sessionBus;
+    BusConnection m_sessionBus;
+    /// Attempts still to be made at intervals, before only the socket's appearance starts another.
+    int m_attemptsLeft;
 };
 
 }  // namespace platform

@@ -1,52 +1,65 @@
 #include "platform/linux/screenlock/SessionProperties.h"
 
 #include <cstdint>
-#include <cstring>
 
 namespace platform {
 namespace {
 
-constexpr const char* lockedHintName = "LockedHint";
-
 // Each reads one variant: negative when it is of another type, as the library says it.
-int readUser(sd_bus_message* message, SessionProperties& properties) {
-    std::uint32_t user = 0;
-    const char* path = nullptr;
-    const int error = sd_bus_message_read(message, "v", "(uo)", &user, &path);
-    properties.user = user;
+int readUser(sd_bus_message* message, std::optional<unsigned>& user) {
+    std::uint32_t value = 0;
+    const int error = sd_bus_message_read(message, "v", "(uo)", &value, nullptr);
+    user = value;
     return error;
 }
 
-int readClass(sd_bus_message* message, SessionProperties& properties) {
-    const char* text = "";
-    const int error = sd_bus_message_read(message, "v", "s", &text);
-    properties.kind = text;
+int readText(sd_bus_message* message, std::optional<std::string>& text) {
+    const char* value = "";
+    const int error = sd_bus_message_read(message, "v", "s", &value);
+    text = value;
     return error;
 }
 
-int readLockedHint(sd_bus_message* message, SessionProperties& properties) {
+int readSeat(sd_bus_message* message, std::optional<std::string>& seat) {
+    const char* value = "";
+    const int error = sd_bus_message_read(message, "v", "(so)", &value, nullptr);
+    seat = value;
+    return error;
+}
+
+int readFlag(sd_bus_message* message, std::optional<bool>& flag) {
     int value = 0;
     const int error = sd_bus_message_read(message, "v", "b", &value);
-    properties.lockedHint = value != 0;
+    flag = value != 0;
     return error;
+}
+
+int readValue(sd_bus_message* message, const std::string& name, SessionProperties& properties) {
+    if (name == "User") {
+        return readUser(message, properties.user);
+    }
+    if (name == "Class") {
+        return readText(message, properties.kind);
+    }
+    if (name == "State") {
+        return readText(message, properties.state);
+    }
+    if (name == "Type") {
+        return readText(message, properties.type);
+    }
+    if (name == "Seat") {
+        return readSeat(message, properties.seat);
+    }
+    if (name == "LockedHint") {
+        return readFlag(message, properties.lockedHint);
+    }
+    return sd_bus_message_skip(message, "v");
 }
 
 int readEntry(sd_bus_message* message, SessionProperties& properties) {
     const char* name = nullptr;
     const int error = sd_bus_message_read(message, "s", &name);
-    if (error < 0) {
-        return error;
-    }
-    if (std::strcmp(name, "User") == 0) {
-        return readUser(message, properties);
-    }
-    if (std::strcmp(name, "Class") == 0) {
-        return readClass(message, properties);
-    }
-    if (std::strcmp(name, lockedHintName) == 0) {
-        return readLockedHint(message, properties);
-    }
-    return sd_bus_message_skip(message, "v");
+    return error < 0 ? error : readValue(message, name, properties);
 }
 
 int readEntries(sd_bus_message* message, SessionProperties& properties) {
@@ -74,14 +87,15 @@ std::optional<SessionProperties> readSessionProperties(sd_bus_message* message) 
     return properties;
 }
 
-bool listsLockedHint(sd_bus_message* message) {
+bool listsWhatMatters(sd_bus_message* message) {
     if (sd_bus_message_enter_container(message, 'a', "s") <= 0) {
         return false;
     }
     const char* name = nullptr;
     bool found = false;
     while (sd_bus_message_read(message, "s", &name) > 0) {
-        found = found || std::strcmp(name, lockedHintName) == 0;
+        const std::string property = name;
+        found = found || property == "LockedHint" || property == "Class" || property == "State";
     }
     return found;
 }

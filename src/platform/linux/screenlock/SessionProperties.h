@@ -11,6 +11,11 @@ namespace platform {
 struct SessionProperties {
     std::optional<unsigned> user;
     std::optional<std::string> kind;
+    /// "closing" once the session has ended, while any of its processes lives.
+    std::optional<std::string> state;
+    std::optional<std::string> type;
+    /// Empty for a session without a seat.
+    std::optional<std::string> seat;
     std::optional<bool> lockedHint;
 };
 
@@ -18,7 +23,8 @@ struct SessionProperties {
 /// the properties that matter is of another type.
 std::optional<SessionProperties> readSessionProperties(sd_bus_message* message);
 
-/// Whether the list of strings at the message's position has LockedHint.
-bool listsLockedHint(sd_bus_message* message);
+/// Whether the list of strings at the message's position has a property that decides whether and how a
+/// session counts.
+bool listsWhatMatters(sd_bus_message* message);
 
 }  // namespace platform

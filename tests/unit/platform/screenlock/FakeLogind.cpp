@@ -64,12 +64,18 @@ void FakeLogind::invalidateHint(const std::string& session, bool locked) {
                        "sa{sv}as", sessionInterface, 0, 2, "IdleHint", "LockedHint");
 }
 
+void FakeLogind::setClass(const std::string& session, const std::string& kind) {
+    m_sessions.at(session).kind = kind;
+    sd_bus_emit_signal(m_bus.get(), path(session).c_str(), propertiesInterface, "PropertiesChanged",
+                       "sa{sv}as", sessionInterface, 0, 1, "Class");
+}
+
 void FakeLogind::releaseName() {
     check(sd_bus_release_name(m_bus.get(), service), "release");
 }
 
 void FakeLogind::answerHeld() {
-    m_holding = false;
+    m_holding = m_holdingLists = false;
     for (const platform::MessageHandle& call : std::exchange(m_held, {})) {
         answer(call.get());
     }
@@ -83,7 +89,7 @@ int FakeLogind::called(sd_bus_message* call, void* self, sd_bus_error* /*error*/
     logind->m_asker = sd_bus_message_get_sender(call);
     const bool asksForList = sd_bus_message_is_method_call(call, managerInterface, "ListSessions") > 0;
     ++(asksForList ? logind->m_listsAsked : logind->m_sessionsAsked);
-    if (logind->m_holding) {
+    if (asksForList ? logind->m_holdingLists : logind->m_holding) {
         logind->m_held.emplace_back(sd_bus_message_ref(call));
     } else {
         logind->answer(call);
@@ -124,9 +130,11 @@ void FakeLogind::answerSession(sd_bus_message* call) {
         m_fill(reply.get());
     } else {
         const FakeSession& session = found->second;
-        sd_bus_message_append(reply.get(), "a{sv}", 5, "Id", "s", found->first.c_str(), "User", "(uo)",
-                              session.user, "/org/freedesktop/login1/user/_0", "Type", "s", "tty", "Class",
-                              "s", session.kind.c_str(), "LockedHint", "b", static_cast<int>(session.locked));
+        sd_bus_message_append(reply.get(), "a{sv}", 7, "Id", "s", found->first.c_str(), "User", "(uo)",
+                              session.user, "/org/freedesktop/login1/user/_0", "Type", "s", "tty", "State",
+                              "s", session.state.c_str(), "Seat", "(so)", session.seat.c_str(),
+                              "/org/freedesktop/login1/seat/seat0", "Class", "s", session.kind.c_str(),
+                              "LockedHint", "b", static_cast<int>(session.locked));
     }
     sd_bus_send(m_bus.get(), reply.get(), nullptr);
 }

@@ -15,6 +15,8 @@ struct FakeSession {
     uid_t user = 0;
     std::string kind = "user";
     bool locked = false;
+    std::string state = "active";
+    std::string seat = "seat0";
 };
 
 /// A login manager with as much on the bus as the agent uses of it, and misbehaving on request. Lives on the
@@ -41,11 +43,17 @@ public:
     void setHint(const std::string& session, bool locked);
     /// Sets the hint and announces only that it is no longer what it was.
     void invalidateHint(const std::string& session, bool locked);
+    /// The session ends but stays while one of its processes lives; nobody is told.
+    void close(const std::string& session) { m_sessions.at(session).state = "closing"; }
+    /// Gives the session another class, announced only as no longer what it was.
+    void setClass(const std::string& session, const std::string& kind);
     /// Lets go of the name but stays on the bus.
     void releaseName();
 
     /// From here on calls wait for an answer until `answerHeld`.
-    void holdAnswers() { m_holding = true; }
+    void holdAnswers() { m_holding = m_holdingLists = true; }
+    /// The same for all but the list of sessions.
+    void holdSessionAnswers() { m_holding = true; }
     void answerHeld();
     /// What is asked from here on of a session's properties is answered with this instead.
     void answerWith(std::function<void(sd_bus_message* reply)> fill) { m_fill = std::move(fill); }
@@ -70,6 +78,7 @@ private:
     std::function<void(sd_bus_message*)> m_fill;
     std::string m_asker;
     bool m_holding = false;
+    bool m_holdingLists = false;
     int m_listsAsked = 0;
     int m_sessionsAsked = 0;
 };

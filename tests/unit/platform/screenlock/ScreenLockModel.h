@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -12,15 +13,18 @@ struct ScreenLockEvent {
     enum class Kind {
         sessionAppeared,
         sessionRead,
-        sessionReadForeign,
+        sessionReadWithoutScreen,
+        sessionReadClosing,
         sessionChanged,
         sessionRemoved,
         sessionsForgotten,
         saverRead,
         saverChanged,
-        saverRemoved,
+        saverVanished,
+        saverStaysAway,
+        saverForgotten,
     };
-    static constexpr int kinds = 9;
+    static constexpr int kinds = 12;
 
     Kind kind;
     std::string key;
@@ -34,10 +38,13 @@ inline void apply(platform::ScreenLockState& state, const ScreenLockEvent& event
             state.sessionAppeared(event.key);
             break;
         case Kind::sessionRead:
-            state.sessionRead(event.key, true, event.value);
+            state.sessionRead(event.key, {true, event.value, true});
             break;
-        case Kind::sessionReadForeign:
-            state.sessionRead(event.key, false, event.value);
+        case Kind::sessionReadWithoutScreen:
+            state.sessionRead(event.key, {true, event.value, false});
+            break;
+        case Kind::sessionReadClosing:
+            state.sessionRead(event.key, {false, event.value, true});
             break;
         case Kind::sessionChanged:
             state.sessionChanged(event.key, event.value);
@@ -54,158 +61,269 @@ inline void apply(platform::ScreenLockState& state, const ScreenLockEvent& event
         case Kind::saverChanged:
             state.saverChanged(event.key, event.value);
             break;
-        case Kind::saverRemoved:
-            state.saverRemoved(event.key);
+        case Kind::saverVanished:
+            state.saverVanished(event.key);
+            break;
+        case Kind::saverStaysAway:
+            state.saverStaysAway(event.key);
+            break;
+        case Kind::saverForgotten:
+            state.saverForgotten(event.key);
             break;
     }
 }
 
-/// The slow and simple second opinion: knows the whole history, turns it into single assignments that are
-/// either silent or announced, and looks at each alone.
+/// The slow and simple second opinion: knows the whole history, turns it into single steps that are either
+/// silent or announced, and finds out how things stand by taking all steps from the first one on.
 class ScreenLockModel {
 public:
     static std::vector<bool> reports(const std::vector<ScreenLockEvent>& history) {
         ScreenLockModel model;
         for (std::size_t now = 0; now < history.size(); ++now) {
-            model.translate(history, now);
+            model.happens(history, now);
         }
-        return model.evaluate();
+        return model.evaluate().reports;
     }
 
 private:
-    struct Step {
-        bool session;
-        std::string key;
-        std::optional<bool> value;
-        bool announced;
-    };
     using Kind = ScreenLockEvent::Kind;
 
-    static bool concerns(const ScreenLockEvent& event, const std::string& key) {
-        return event.kind == Kind::sessionsForgotten || (isOfSession(event) && event.key == key);
-    }
-    static bool isOfSession(const ScreenLockEvent& event) { return event.kind < Kind::sessionsForgotten; }
+    struct Step {
+        enum class What {
+            hint,
+            closed,
+            opened,
+            sessionGone,
+            allGone,
+            saver,
+            saverAway,
+            saverLost,
+            saverGone
+        };
+        What what;
+        std::string key;
+        bool value = false;
+        bool announced = false;
+    };
+    struct World {
+        struct Session {
+            bool locked = false;
+            bool everLocked = false;
+            bool screen = false;
+        };
+        struct Saver {
+            bool active = false;
+            bool away = false;
+        };
+        std::map<std::string, Session> sessions;  ///< the open ones
+        std::map<std::string, Saver> savers;
+        std::vector<bool> reports;
 
-    /// What the session's life so far holds, from its appearance on; nothing if it is not there before `now`.
+        bool locked() const {
+            std::size_t hints = 0;
+            std::size_t keepers = 0;
+            std::size_t active = 0;
+            for (const auto& entry : sessions) {
+                hints += entry.second.locked ? 1U : 0U;
+                keepers += entry.second.everLocked ? 1U : 0U;
+            }
+            for (const auto& entry : savers) {
+                active += entry.second.active ? 1U : 0U;
+            }
+            return hints > 0 || (keepers == 0 && active > 0);
+        }
+        bool hasScreen() const {
+            std::size_t screens = 0;
+            for (const auto& entry : sessions) {
+                screens += entry.second.screen ? 1U : 0U;
+            }
+            return screens > 0;
+        }
+        void dropSaversThatAreAway() {
+            const auto all = savers;
+            for (const auto& [key, saver] : all) {
+                if (saver.away) {
+                    savers.erase(key);
+                }
+            }
+        }
+        void close(const std::string& key) {
+            if (sessions.count(key) > 0 && sessions[key].screen) {
+                dropSaversThatAreAway();
+            }
+            sessions.erase(key);
+        }
+    };
+
+    /// What has happened to the session since it appeared; nothing if it is not there before `now`.
     static std::optional<std::vector<ScreenLockEvent>> life(const std::vector<ScreenLockEvent>& history,
                                                             std::size_t now) {
         std::optional<std::vector<ScreenLockEvent>> events;
         for (std::size_t index = 0; index < now; ++index) {
             const ScreenLockEvent& event = history[index];
-            if (!concerns(event, history[now].key)) {
-                continue;
-            }
-            if (event.kind == Kind::sessionRemoved || event.kind == Kind::sessionsForgotten) {
+            const bool ends = event.kind == Kind::sessionRemoved && event.key == history[now].key;
+            if (ends || event.kind == Kind::sessionsForgotten) {
                 events.reset();
-            } else if (event.kind == Kind::sessionAppeared) {
+            } else if (event.kind == Kind::sessionAppeared && event.key == history[now].key) {
                 events = events.value_or(std::vector<ScreenLockEvent>());
-            } else if (events) {
+            } else if (events && event.kind < Kind::sessionsForgotten && event.key == history[now].key) {
                 events->push_back(event);
             }
         }
         return events;
     }
+    static bool isRead(const ScreenLockEvent& event) {
+        return event.kind == Kind::sessionRead || event.kind == Kind::sessionReadWithoutScreen ||
+               event.kind == Kind::sessionReadClosing;
+    }
 
-    void translate(const std::vector<ScreenLockEvent>& history, std::size_t now) {
+    void happens(const std::vector<ScreenLockEvent>& history, std::size_t now) {
         const ScreenLockEvent& event = history[now];
         if (event.kind == Kind::sessionsForgotten) {
-            for (const ScreenLockEvent& other : history) {
-                m_steps.push_back({true, other.key, std::nullopt, false});
-            }
-        } else if (!isOfSession(event)) {
-            translateSaver(event);
+            m_steps.push_back({Step::What::allGone, event.key});
+            answered(std::nullopt);
+        } else if (event.kind > Kind::sessionsForgotten) {
+            happensToSaver(event);
         } else if (event.kind == Kind::sessionRemoved) {
-            m_steps.push_back({true, event.key, std::nullopt, false});
+            m_steps.push_back({Step::What::sessionGone, event.key});
+            answered(event.key);
         } else if (const auto before = life(history, now)) {
-            translateSession(event, *before);
-        }
-    }
-
-    void translateSaver(const ScreenLockEvent& event) {
-        if (event.kind == Kind::saverRemoved) {
-            m_steps.push_back({false, event.key, std::nullopt, false});
-            return;
-        }
-        m_steps.push_back({false, event.key, event.value, true});
-        m_steps.back().announced = event.kind == Kind::saverChanged || knownSaver(event.key);
-    }
-
-    /// Whether the saver said anything since it was last removed.
-    bool knownSaver(const std::string& key) const {
-        bool known = false;
-        for (std::size_t index = 0; index + 1 < m_steps.size(); ++index) {
-            if (!m_steps[index].session && m_steps[index].key == key) {
-                known = m_steps[index].value.has_value();
+            happensToSession(event, *before);
+            if (isRead(event)) {
+                answered(event.key);
             }
         }
-        return known;
     }
 
-    void translateSession(const ScreenLockEvent& event, const std::vector<ScreenLockEvent>& before) {
+    void happensToSaver(const ScreenLockEvent& event) {
+        const World world = evaluate();
+        const auto saver = world.savers.find(event.key);
+        const bool known = saver != world.savers.end();
+        if (event.kind == Kind::saverRead) {
+            m_steps.push_back({Step::What::saver, event.key, event.value, known});
+        } else if (event.kind == Kind::saverChanged) {
+            m_steps.push_back({Step::What::saver, event.key, known ? saver->second.active : !event.value});
+            m_steps.push_back({Step::What::saver, event.key, event.value, true});
+        } else if (event.kind == Kind::saverVanished) {
+            m_steps.push_back({Step::What::saverAway, event.key});
+        } else if (event.kind == Kind::saverForgotten) {
+            m_steps.push_back({Step::What::saverGone, event.key});
+        } else if (known && saver->second.away) {
+            edge({Step::What::saverLost, event.key});
+        }
+    }
+
+    void happensToSession(const ScreenLockEvent& event, const std::vector<ScreenLockEvent>& before) {
         bool read = false;
+        bool open = false;
         std::vector<bool> early;
         for (const ScreenLockEvent& past : before) {
-            if (past.kind == Kind::sessionReadForeign) {
-                return;
-            }
-            read = read || past.kind == Kind::sessionRead;
-            if (past.kind == Kind::sessionChanged) {
+            read = read || isRead(past);
+            open = isRead(past) ? past.kind != Kind::sessionReadClosing : open;
+            if (past.kind == Kind::sessionChanged && !read) {
                 early.push_back(past.value);
             }
         }
-        if (event.kind == Kind::sessionReadForeign) {
-            m_steps.push_back({true, event.key, std::nullopt, false});
-        } else if (read && event.kind != Kind::sessionAppeared) {
-            m_steps.push_back({true, event.key, event.value, true});
-        } else if (event.kind == Kind::sessionRead) {
-            m_steps.push_back({true, event.key, early.empty() ? event.value : !early.front(), false});
-            for (const bool value : early) {
-                m_steps.push_back({true, event.key, value, true});
+        if (event.kind == Kind::sessionReadClosing) {
+            m_steps.push_back({Step::What::closed, event.key});
+        } else if (isRead(event)) {
+            m_steps.push_back({Step::What::opened, event.key, event.kind == Kind::sessionRead});
+            if (!open) {
+                early = read ? std::vector<bool>() : early;
+                m_steps.push_back(
+                    {Step::What::hint, event.key, early.empty() ? event.value : !early.front()});
+                for (const bool value : early) {
+                    edge({Step::What::hint, event.key, value, true});
+                }
             }
-            m_steps.push_back({true, event.key, event.value, true});
+            edge({Step::What::hint, event.key, event.value, true});
+        } else if (event.kind == Kind::sessionChanged && open) {
+            edge({Step::What::hint, event.key, event.value, true});
         }
     }
 
-    static bool locked(const std::map<std::string, bool>& sessions,
-                       const std::map<std::string, bool>& savers) {
-        std::size_t count = 0;
-        for (const auto& entry : sessions) {
-            count += entry.second ? 1U : 0U;
+    /// The step happens now, or once those have been looked at that it may wrongly rest on.
+    void edge(const Step& step) {
+        if (m_asked.empty()) {
+            const World world = evaluate();
+            const auto own = world.sessions.find(step.key);
+            const bool changes = own != world.sessions.end() && own->second.locked != step.value;
+            for (const auto& [key, session] : world.sessions) {
+                if (step.what == Step::What::saverLost ? session.screen
+                                                       : changes && session.locked && key != step.key) {
+                    m_asked.insert(key);
+                }
+            }
         }
-        for (const auto& entry : savers) {
-            count += entry.second ? 1U : 0U;
-        }
-        return count > 0;
+        (m_asked.empty() ? m_steps : m_waiting).push_back(step);
     }
 
-    std::vector<bool> evaluate() const {
-        std::vector<bool> reports;
-        std::map<std::string, bool> sessions;
-        std::map<std::string, bool> savers;
-        bool hintSeen = false;
+    void answered(const std::optional<std::string>& key) {
+        const bool asked = !m_asked.empty();
+        if (key) {
+            m_asked.erase(*key);
+        } else {
+            m_asked.clear();
+        }
+        if (asked && m_asked.empty()) {
+            m_steps.insert(m_steps.end(), m_waiting.begin(), m_waiting.end());
+            m_waiting.clear();
+        }
+    }
+
+    static void take(const Step& step, World& world) {
+        const bool open = world.sessions.count(step.key) > 0;
+        const bool saverKnown = world.savers.count(step.key) > 0;
+        switch (step.what) {
+            case Step::What::opened:
+                world.sessions[step.key].screen = step.value;
+                break;
+            case Step::What::hint:
+                if (open) {
+                    world.sessions[step.key].locked = step.value;
+                    world.sessions[step.key].everLocked |= step.value;
+                }
+                break;
+            case Step::What::closed:
+            case Step::What::sessionGone:
+                world.close(step.key);
+                break;
+            case Step::What::allGone:
+                world.sessions.clear();
+                break;
+            case Step::What::saver:
+                world.savers[step.key] = {step.value, false};
+                break;
+            case Step::What::saverAway:
+                if (saverKnown) {
+                    world.savers[step.key].away = true;
+                }
+                break;
+            case Step::What::saverLost:
+                if (saverKnown && world.savers[step.key].away) {
+                    world.savers.erase(step.key);
+                }
+                break;
+            case Step::What::saverGone:
+                world.savers.erase(step.key);
+                break;
+        }
+    }
+
+    World evaluate() const {
+        World world;
         for (const Step& step : m_steps) {
-            if (hintSeen && !step.session) {
-                continue;
-            }
-            auto& values = step.session ? sessions : savers;
-            if (!step.session && step.value && step.announced) {
-                values.try_emplace(step.key, !*step.value);
-            }
-            const bool before = locked(sessions, savers);
-            values.erase(step.key);
-            if (step.value) {
-                values[step.key] = *step.value;
-            }
-            if (step.session && step.value.value_or(false)) {
-                hintSeen = true;
-                savers.clear();
-            }
-            if (step.announced && locked(sessions, savers) != before) {
-                reports.push_back(locked(sessions, savers));
+            const bool before = world.locked();
+            take(step, world);
+            const bool announced = step.what == Step::What::saverLost ? world.hasScreen() : step.announced;
+            if (announced && world.locked() != before) {
+                world.reports.push_back(world.locked());
             }
         }
-        return reports;
+        return world;
     }
 
     std::vector<Step> m_steps;
+    std::vector<Step> m_waiting;
+    std::set<std::string> m_asked;
 };

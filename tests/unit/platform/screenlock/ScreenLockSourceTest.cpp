@@ -2,11 +2,16 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/process/OutHandle.h"
@@ -24,17 +29,21 @@ FakeSession ownSession(bool locked = false) {
     return {getuid(), "user", locked};
 }
 FakeSession othersSession() {
-    return {getuid() + 1, "user", false};
+    return {getuid() + 1};
 }
 FakeSession ownSessionOf(const char* kind) {
-    return {getuid(), kind, false};
+    return {getuid(), kind};
+}
+FakeSession ownRemoteSession() {
+    return {getuid(), "user", false, "active", ""};
 }
 
 /// A screen saver that owns its name on the session bus, and answers GetActive.
 class FakeSaver {
 public:
     FakeSaver(sd_event* loop, const std::string& address, std::string name, bool active)
-        : m_bus(connectTo(address)), m_name(std::move(name)), m_active(active) {
+        : m_bus(connectTo(address)), m_name(std::move(name)), m_path("/" + m_name), m_active(active) {
+        std::replace(m_path.begin(), m_path.end(), '.', '/');
         sd_bus_add_filter(m_bus.get(), nullptr, &FakeSaver::called, this);
         sd_bus_request_name(m_bus.get(), m_name.c_str(), 0);
         sd_bus_attach_event(m_bus.get(), loop, SD_EVENT_PRIORITY_NORMAL);
@@ -42,10 +51,21 @@ public:
 
     void setActive(bool active) {
         m_active = active;
-        sd_bus_emit_signal(m_bus.get(), "/org/xfce/ScreenSaver", m_name.c_str(), "ActiveChanged", "b",
+        sd_bus_emit_signal(m_bus.get(), m_path.c_str(), m_name.c_str(), "ActiveChanged", "b",
                            static_cast<int>(active));
     }
     void refuse() { m_refuses = true; }
+    /// From here on questions wait for an answer until `answerHeld`.
+    void holdAnswers() { m_holds = true; }
+    void answerHeld(bool active) {
+        m_holds = false;
+        for (const platform::MessageHandle& call : std::exchange(m_held, {})) {
+            sd_bus_reply_method_return(call.get(), "b", static_cast<int>(active));
+        }
+    }
+    /// Lets go of the name but stays on the bus.
+    void releaseName() { sd_bus_release_name(m_bus.get(), m_name.c_str()); }
+    sd_bus* bus() const { return m_bus.get(); }
     int asked() const { return m_asked; }
 
     /// The unique name of the one that asks.
@@ -54,12 +74,15 @@ public:
 private:
     static int called(sd_bus_message* call, void* self, sd_bus_error* /*error*/) {
         auto* const saver = static_cast<FakeSaver*>(self);
-        if (sd_bus_message_is_method_call(call, saver->m_name.c_str(), "GetActive") <= 0) {
+        if (sd_bus_message_is_method_call(call, saver->m_name.c_str(), "GetActive") <= 0 ||
+            saver->m_path != sd_bus_message_get_path(call)) {
             return 0;
         }
         ++saver->m_asked;
         saver->m_asker = sd_bus_message_get_sender(call);
-        if (saver->m_refuses) {
+        if (saver->m_holds) {
+            saver->m_held.emplace_back(sd_bus_message_ref(call));
+        } else if (saver->m_refuses) {
             sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "refused");
         } else {
             sd_bus_reply_method_return(call, "b", static_cast<int>(saver->m_active));
@@ -69,8 +92,11 @@ private:
 
     platform::BusHandle m_bus;
     std::string m_name;
+    std::string m_path;
     bool m_active;
     bool m_refuses = false;
+    bool m_holds = false;
+    std::vector<platform::MessageHandle> m_held;
     int m_asked = 0;
     std::string m_asker;
 };
@@ -142,7 +168,7 @@ TEST_F(ScreenLockSourceTest, IgnoresSessionsOfOtherUsersAndWithoutAScreen) {
     m_logind->have("s3", ownSessionOf("manager"));
     m_logind->have("s4", ownSessionOf("background"));
     startSource();
-    ASSERT_TRUE(waitForQuestions(4));
+    ASSERT_TRUE(waitForQuestions(3));
     for (const char* session : {"s2", "s3", "s4"}) {
         m_logind->setHint(session, true);
     }
@@ -150,10 +176,38 @@ TEST_F(ScreenLockSourceTest, IgnoresSessionsOfOtherUsersAndWithoutAScreen) {
     EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
 
+TEST_F(ScreenLockSourceTest, AsksForNoSessionOfAnother) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    for (int count = 0; count < 300; ++count) {
+        m_logind->have("o" + std::to_string(count), othersSession());
+    }
+    startSource();
+    ASSERT_TRUE(waitForQuestions(1));
+    for (int count = 0; count < 300; ++count) {
+        m_logind->setHint("o" + std::to_string(count), true);
+    }
+    m_logind->add("o300", othersSession());
+    m_logind->setHint("o300", true);
+    lockAndUnlock();
+    EXPECT_EQ(m_logind->sessionsAsked(), 1);
+}
+
+TEST_F(ScreenLockSourceTest, FollowsASessionFromWhenItsClassCanBeLocked) {
+    startLogind();
+    m_logind->have("s1", ownSessionOf("user-incomplete"));
+    startSource();
+    ASSERT_TRUE(waitForQuestions(1));
+    m_logind->setClass("s1", "user");
+    ASSERT_TRUE(waitForQuestions(2));
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
 TEST_F(ScreenLockSourceTest, FollowsEveryClassThatCanBeLocked) {
     startWithOneSession();
     int asked = 1;
-    for (const char* kind : {"user", "user-early", "user-light", "user-light-early"}) {
+    for (const char* kind : {"user", "user-early", "user-light", "user-early-light"}) {
         m_reports.clear();
         const std::string session = "n" + std::to_string(asked);
         m_logind->add(session, ownSessionOf(kind));
@@ -187,13 +241,68 @@ TEST_F(ScreenLockSourceTest, ReportsNothingForASessionRemovedWhileLocked) {
 
 TEST_F(ScreenLockSourceTest, LosesNoChangeThatComesBeforeTheFirstAnswer) {
     startWithOneSession();
-    m_logind->holdAnswers();
+    m_logind->holdSessionAnswers();
     m_logind->add("s2", ownSession());
     ASSERT_TRUE(waitForQuestions(2));
     m_logind->setHint("s2", true);
     m_logind->answerHeld();
     EXPECT_TRUE(waitForReports(1));
     EXPECT_THAT(m_reports, ElementsAre(true));
+}
+
+TEST_F(ScreenLockSourceTest, FollowsANewSessionAlthoughTheListThatWasAskedForIsOld) {
+    startWithOneSession();
+    m_logind->holdAnswers();
+    m_logind->add("s2", othersSession());
+    ASSERT_TRUE(runUntil([this] { return m_logind->held() == 1; }));
+    m_logind->add("s3", ownSession());
+    m_logind->answerHeld();
+    ASSERT_TRUE(waitForQuestions(2));
+    m_logind->setHint("s3", true);
+    EXPECT_TRUE(waitForReports(1));
+}
+
+TEST_F(ScreenLockSourceTest, ReportsTheLockOfALoginAfterASessionThatEndedWhileLocked) {
+    startWithOneSession();
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForReports(1));
+    m_logind->close("s1");
+    m_logind->add("s2", ownSession());
+    m_logind->setHint("s2", true);
+    EXPECT_TRUE(waitForReports(2));
+    m_logind->setHint("s2", false);
+    EXPECT_TRUE(waitForReports(3));
+    EXPECT_THAT(m_reports, ElementsAre(true, true, false));
+}
+
+TEST_F(ScreenLockSourceTest, ReportsTheLockOfASessionThatWasThereBeforeAnotherEndedWhileLocked) {
+    startWithOneSession();
+    m_logind->add("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForReports(1));
+    m_logind->close("s1");
+    m_logind->setHint("s2", true);
+    m_logind->setHint("s2", false);
+    EXPECT_TRUE(waitForReports(3));
+    EXPECT_THAT(m_reports, ElementsAre(true, true, false));
+}
+
+TEST_F(ScreenLockSourceTest, FollowsItsSessionsWhileOthersComeAndGoAllTheTime) {
+    startWithOneSession();
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForReports(1));
+    const int asked = m_logind->listsAsked() + m_logind->sessionsAsked();
+    constexpr int sessions = 500;
+    for (int count = 0; count < sessions; ++count) {
+        m_logind->add("t" + std::to_string(count), count % 2 == 0 ? othersSession() : ownSession(true));
+        m_logind->remove("t" + std::to_string(count));
+    }
+    m_logind->setHint("s1", false);
+    EXPECT_TRUE(waitForReports(2));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+    EXPECT_LT(m_logind->listsAsked() + m_logind->sessionsAsked() - asked, sessions / 2)
+        << "questions that nobody has answered are not asked again";
 }
 
 TEST_F(ScreenLockSourceTest, LosesNoChangeThatComesBeforeTheListOfSessions) {
@@ -203,7 +312,7 @@ TEST_F(ScreenLockSourceTest, LosesNoChangeThatComesBeforeTheListOfSessions) {
     startSource();
     ASSERT_TRUE(runUntil([this] { return m_logind->listsAsked() == 1; }));
     m_logind->setHint("s1", true);
-    ASSERT_TRUE(waitForQuestions(1));
+    runFor(std::chrono::milliseconds(100));
     m_logind->answerHeld();
     EXPECT_TRUE(waitForReports(1));
     EXPECT_THAT(m_reports, ElementsAre(true));
@@ -232,7 +341,7 @@ TEST_F(ScreenLockSourceTest, TakesOverSilentlyWhatARestartedLogindSays) {
 
 TEST_F(ScreenLockSourceTest, IgnoresTheLateAnswersAndSignalsOfAnOlderLogind) {
     startWithOneSession();
-    m_logind->holdAnswers();
+    m_logind->holdSessionAnswers();
     m_logind->add("s2", ownSession(true));
     ASSERT_TRUE(waitForQuestions(2));
     const auto older = std::move(m_logind);
@@ -364,6 +473,29 @@ TEST_F(ScreenLockSourceTest, ComesBackAfterTheBusWasLost) {
     EXPECT_THAT(m_reports, ElementsAre(true, true, false));
 }
 
+TEST_F(ScreenLockSourceTest, ForgetsWhatItAskedOfASessionThatWasRemoved) {
+    startWithOneSession();
+    m_logind->holdSessionAnswers();
+    m_logind->add("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    m_logind->remove("s2");
+    // The same path again, another session: it is asked for, and what was asked of the first says nothing.
+    m_logind->add("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(3));
+}
+
+TEST_F(ScreenLockSourceTest, TriesTheSystemBusEverySecond) {
+    startSource();
+    // Far enough for delays that grow to have become long: attempts at 0, 1, 3, 7, 15 and 31 s then.
+    runFor(std::chrono::milliseconds(15500));
+    m_systemBus.start();
+    const auto started = std::chrono::steady_clock::now();
+    m_logind = std::make_unique<FakeLogind>(loop(), m_systemBus.address());
+    m_logind->have("s1", ownSession());
+    ASSERT_TRUE(waitForQuestions(1));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(12)) << "not 15 s";
+}
+
 TEST_F(ScreenLockSourceTest, WaitsForABusAndALogindThatComeLater) {
     startSource();
     runFor(std::chrono::milliseconds(100));
@@ -441,14 +573,32 @@ TEST_F(ScreenSaverTest, IsBelievedOnlyWhenItOwnsTheName) {
     EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
 
-TEST_F(ScreenSaverTest, ReportsNothingWhenItVanishesWhileActive) {
+TEST_F(ScreenSaverTest, IsReportedAsUnlockedWhenItVanishesFromAnOpenSessionWhileActive) {
     m_sessionBus.start();
     startSaver("org.mate.ScreenSaver");
-    startSource();
+    startWithOneSession();
     ASSERT_TRUE(waitUntilAsked());
     m_saver->setActive(true);
     ASSERT_TRUE(waitForReports(1));
     m_saver.reset();
+    const auto gone = std::chrono::steady_clock::now();
+    EXPECT_TRUE(waitForReports(2));
+    EXPECT_GE(std::chrono::steady_clock::now() - gone, std::chrono::milliseconds(1900));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenSaverTest, IsNotReportedWhenItVanishesWithItsSession) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    startWithOneSession();
+    m_logind->add("ssh", ownRemoteSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    ASSERT_TRUE(waitForReports(1));
+    m_saver.reset();
+    m_logind->close("s1");
+    ASSERT_TRUE(waitForQuestions(3)) << "whether the session is still open";
     startSaver("org.mate.ScreenSaver");
     ASSERT_TRUE(waitUntilAsked());
     m_saver->setActive(true);
@@ -456,7 +606,23 @@ TEST_F(ScreenSaverTest, ReportsNothingWhenItVanishesWhileActive) {
     EXPECT_THAT(m_reports, ElementsAre(true, true));
 }
 
-TEST_F(ScreenSaverTest, IsNotListenedToOnceAHintWasSeenSet) {
+TEST_F(ScreenSaverTest, IsStillLockedWhenItIsBackInTime) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    startWithOneSession();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    ASSERT_TRUE(waitForReports(1));
+    m_saver.reset();
+    startSaver("org.mate.ScreenSaver", true);
+    ASSERT_TRUE(waitUntilAsked());
+    runFor(std::chrono::milliseconds(2500));
+    EXPECT_THAT(m_reports, ElementsAre(true));
+    m_saver->setActive(false);
+    EXPECT_TRUE(waitForReports(2));
+}
+
+TEST_F(ScreenSaverTest, IsNotListenedToWhileASessionLivesThatHasSetItsHint) {
     m_sessionBus.start();
     startSaver("org.mate.ScreenSaver");
     startWithOneSession();
@@ -464,13 +630,132 @@ TEST_F(ScreenSaverTest, IsNotListenedToOnceAHintWasSeenSet) {
     lockAndUnlock();
     m_saver->setActive(true);
     m_saver->setActive(false);
-    // The agent left the session bus: a saver that comes now is not even asked.
-    startSaver("org.xfce.ScreenSaver");
-    m_saver->setActive(true);
-    runFor(std::chrono::milliseconds(500));
+    roundTrip(m_saver->bus());
     lockAndUnlock();
     EXPECT_THAT(m_reports, ElementsAre(true, false, true, false));
+}
+
+TEST_F(ScreenSaverTest, IsListenedToAgainInTheSessionAfterThat) {
+    m_sessionBus.start();
+    startWithOneSession();
+    lockAndUnlock();
+    m_logind->close("s1");
+    m_logind->add("s2", ownSession());
+    ASSERT_TRUE(waitForQuestions(3));
+    startSaver("org.mate.ScreenSaver");
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    m_saver->setActive(false);
+    EXPECT_TRUE(waitForReports(4));
+    EXPECT_THAT(m_reports, ElementsAre(true, false, true, false));
+}
+
+TEST_F(ScreenSaverTest, UnderGnomesNameCountsWhereGnomeShellHasNoShield) {
+    m_sessionBus.start();
+    startSaver("org.gnome.ScreenSaver");
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    ASSERT_TRUE(waitForReports(1));
+    m_saver->setActive(false);
+    ASSERT_TRUE(waitForReports(2));
+    FakeSaver shield(loop(), m_sessionBus.address(), "org.gnome.Shell.ScreenShield", false);
+    runFor(std::chrono::milliseconds(200));
+    m_saver->setActive(true);
+    m_saver->setActive(false);
+    runFor(std::chrono::milliseconds(200));
+    EXPECT_EQ(m_reports.size(), 2U) << "GNOME Shell tells logind";
+}
+
+TEST_F(ScreenSaverTest, UnderTheCommonNameCountsWhereThereIsNoOther) {
+    m_sessionBus.start();
+    startSaver("org.freedesktop.ScreenSaver");
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    ASSERT_TRUE(waitForReports(1));
+    m_saver->setActive(false);
+    ASSERT_TRUE(waitForReports(2));
+    for (const char* name :
+         {"org.kde.screensaver", "org.mate.ScreenSaver", "org.cinnamon.ScreenSaver", "org.xfce.ScreenSaver",
+          "org.gnome.ScreenSaver", "org.gnome.Shell.ScreenShield"}) {
+        const int asked = m_saver->asked();
+        {
+            const FakeSaver other(loop(), m_sessionBus.address(), name, false);
+            runFor(std::chrono::milliseconds(200));
+            m_saver->setActive(true);
+            m_saver->setActive(false);
+            runFor(std::chrono::milliseconds(200));
+            EXPECT_EQ(m_reports.size(), 2U) << name;
+        }
+        ASSERT_TRUE(runUntil([&] { return m_saver->asked() > asked; })) << name;
+    }
+    m_saver->setActive(true);
+    EXPECT_TRUE(waitForReports(3)) << "it counts again";
+}
+
+/// A process of another name, for as long as it lives.
+class OwnName {
+public:
+    explicit OwnName(const char* name) {
+        prctl(PR_GET_NAME, m_before.data());
+        prctl(PR_SET_NAME, name);
+    }
+    ~OwnName() { prctl(PR_SET_NAME, m_before.data()); }
+    OwnName(const OwnName&) = delete;
+    OwnName& operator=(const OwnName&) = delete;
+
+private:
+    std::array<char, 16> m_before{};
+};
+
+TEST_F(ScreenSaverTest, OfLightLockerSaysOnlyThatTheScreenIsBlank) {
+    const OwnName name("light-locker");
+    m_sessionBus.start();
+    startSaver("org.freedesktop.ScreenSaver");
+    startSource();
+    runFor(std::chrono::milliseconds(200));
+    m_saver->setActive(true);
+    m_saver->setActive(false);
+    runFor(std::chrono::milliseconds(200));
+    EXPECT_THAT(m_reports, ElementsAre());
     EXPECT_EQ(m_saver->asked(), 0);
+}
+
+TEST_F(ScreenSaverTest, OfAnOwnerThatWasReplacedIsNotHeardAnyMore) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    startSource();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->holdAnswers();
+    const auto former = std::move(m_saver);
+    former->releaseName();
+    startSaver("org.mate.ScreenSaver");
+    m_saver->holdAnswers();
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->releaseName();
+    const auto second = std::move(m_saver);
+    startSaver("org.mate.ScreenSaver");
+    ASSERT_TRUE(waitUntilAsked());
+    second->answerHeld(true);
+    former->setActive(true);
+    roundTrip(former->bus());
+    roundTrip(second->bus());
+    m_saver->setActive(true);
+    EXPECT_TRUE(waitForReports(1));
+    m_saver->setActive(false);
+    EXPECT_TRUE(waitForReports(2));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenSaverTest, OnASessionBusThatComesLateIsFollowed) {
+    startSource();
+    runFor(std::chrono::milliseconds(200));
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    EXPECT_TRUE(waitForReports(1));
 }
 
 TEST_F(ScreenSaverTest, IsFollowedAgainAfterTheSessionBusWasLost) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <utility>
 
 #include "unit/platform/screenlock/ScreenLockModel.h"
 
@@ -13,8 +14,8 @@ using platform::ScreenLockState;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr bool own = true;
-constexpr bool foreign = false;
+using Reading = ScreenLockState::Reading;
+
 constexpr bool locked = true;
 constexpr bool unlocked = false;
 constexpr bool active = true;
@@ -24,12 +25,19 @@ class ScreenLockStateTest : public testing::Test {
 protected:
     void follow(const std::string& session, bool hint) {
         m_state.sessionAppeared(session);
-        m_state.sessionRead(session, own, hint);
+        m_state.sessionRead(session, found(hint));
     }
+    static Reading found(bool hint) { return {true, hint, true}; }
+    static Reading closing() { return {false, true, true}; }
+    static Reading withoutScreen(bool hint) { return {true, hint, false}; }
+
+    /// Who was to be looked at again since the last call.
+    std::vector<std::string> asked() { return std::exchange(m_asked, {}); }
 
     std::vector<bool> m_reports;
-    int m_hintsSeen = 0;
-    ScreenLockState m_state{[this](bool value) { m_reports.push_back(value); }, [this] { ++m_hintsSeen; }};
+    std::vector<std::string> m_asked;
+    ScreenLockState m_state{[this](bool value) { m_reports.push_back(value); },
+                            [this](const std::string& session) { m_asked.push_back(session); }};
 };
 
 TEST_F(ScreenLockStateTest, ReportsEachEdgeOnce) {
@@ -54,10 +62,118 @@ TEST_F(ScreenLockStateTest, IsLockedWhileAnySessionIs) {
     follow("b", unlocked);
     m_state.sessionChanged("a", locked);
     m_state.sessionChanged("b", locked);
+    EXPECT_THAT(asked(), ElementsAre("a"));
+    m_state.sessionRead("a", found(locked));
     m_state.sessionChanged("a", unlocked);
+    EXPECT_THAT(asked(), ElementsAre("b"));
+    m_state.sessionRead("b", found(locked));
     EXPECT_THAT(m_reports, ElementsAre(true));
     m_state.sessionChanged("b", unlocked);
     EXPECT_THAT(m_reports, ElementsAre(true, false));
+    EXPECT_THAT(asked(), IsEmpty());
+}
+
+TEST_F(ScreenLockStateTest, ReportsTheLockThatAClosingSessionWouldSwallow) {
+    follow("old", unlocked);
+    m_state.sessionChanged("old", locked);
+    follow("new", unlocked);
+    m_state.sessionChanged("new", locked);
+    EXPECT_THAT(m_reports, ElementsAre(true));
+    EXPECT_THAT(asked(), ElementsAre("old"));
+    m_state.sessionRead("old", closing());
+    EXPECT_THAT(m_reports, ElementsAre(true, true));
+    m_state.sessionChanged("new", unlocked);
+    EXPECT_THAT(m_reports, ElementsAre(true, true, false));
+    EXPECT_THAT(asked(), IsEmpty());
+}
+
+TEST_F(ScreenLockStateTest, ReportsAllThatHappenedUntilTheClosingSessionWasLookedAt) {
+    follow("old", unlocked);
+    m_state.sessionChanged("old", locked);
+    follow("new", unlocked);
+    m_state.sessionChanged("new", locked);
+    m_state.sessionChanged("new", unlocked);
+    m_state.sessionChanged("new", locked);
+    EXPECT_THAT(m_reports, ElementsAre(true));
+    m_state.sessionRead("old", closing());
+    EXPECT_THAT(m_reports, ElementsAre(true, true, false, true));
+}
+
+TEST_F(ScreenLockStateTest, ReportsTheUnlockThatAClosingSessionWouldSwallow) {
+    follow("old", locked);
+    follow("new", locked);
+    m_state.sessionChanged("new", unlocked);
+    m_state.sessionRead("old", closing());
+    EXPECT_THAT(m_reports, ElementsAre(false));
+}
+
+TEST_F(ScreenLockStateTest, TakesAnsweredQuestionsForWhatTheyWereAskedFor) {
+    follow("a", unlocked);
+    follow("b", unlocked);
+    m_state.sessionChanged("a", locked);
+    m_state.sessionChanged("b", locked);
+    m_state.sessionChanged("a", unlocked);
+    // The answer knows of the unlock, which came after the lock of the other.
+    m_state.sessionRead("a", found(unlocked));
+    EXPECT_THAT(m_reports, ElementsAre(true)) << "locked all the time";
+    m_state.sessionChanged("b", unlocked);
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockStateTest, WaitsForNobodyWhoIsGone) {
+    follow("a", unlocked);
+    follow("b", unlocked);
+    m_state.sessionChanged("a", locked);
+    m_state.sessionChanged("b", locked);
+    m_state.sessionRemoved("a");
+    EXPECT_THAT(m_reports, ElementsAre(true, true));
+    follow("a", unlocked);
+    m_state.sessionChanged("a", locked);
+    m_state.sessionsForgotten();
+    follow("a", unlocked);
+    m_state.sessionChanged("a", locked);
+    EXPECT_THAT(m_reports, ElementsAre(true, true, true));
+}
+
+TEST_F(ScreenLockStateTest, WaitsNoLongerThanMemoryAllows) {
+    follow("a", unlocked);
+    follow("b", unlocked);
+    m_state.sessionChanged("a", locked);
+    for (int round = 0; round < 1000; ++round) {
+        m_state.sessionChanged("b", locked);
+        m_state.sessionChanged("b", unlocked);
+    }
+    m_state.sessionChanged("a", unlocked);
+    m_state.sessionRead("b", found(unlocked));
+    m_state.sessionRead("a", found(unlocked));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockStateTest, CountsAClosingSessionAsGone) {
+    follow("a", locked);
+    m_state.sessionRead("a", closing());
+    m_state.sessionChanged("a", unlocked);
+    m_state.sessionChanged("a", locked);
+    EXPECT_THAT(m_reports, IsEmpty());
+    EXPECT_FALSE(m_state.sessionAppeared("a")) << "it is known, and need not be read again";
+    m_state.sessionAppeared("b");
+    m_state.sessionChanged("b", locked);
+    m_state.sessionRead("b", closing());
+    EXPECT_THAT(m_reports, IsEmpty());
+}
+
+TEST_F(ScreenLockStateTest, NamesTheSessionsThatHaveSetTheirHint) {
+    follow("a", unlocked);
+    follow("b", locked);
+    follow("c", unlocked);
+    m_state.sessionChanged("c", locked);
+    m_state.sessionRead("b", found(locked));
+    m_state.sessionChanged("c", unlocked);
+    m_state.sessionRead("b", found(locked));
+    EXPECT_THAT(m_state.sessionsWithHint(), ElementsAre("b", "c"));
+    m_state.sessionRead("b", closing());
+    m_state.sessionRemoved("c");
+    EXPECT_THAT(m_state.sessionsWithHint(), IsEmpty());
 }
 
 TEST_F(ScreenLockStateTest, ReportsNothingWhenALockedSessionDisappears) {
@@ -75,6 +191,7 @@ TEST_F(ScreenLockStateTest, ReportsTheEdgeOfTheSessionThatIsLeft) {
     follow("b", unlocked);
     m_state.sessionChanged("a", locked);
     m_state.sessionChanged("b", locked);
+    m_state.sessionRead("a", found(locked));
     m_state.sessionRemoved("a");
     m_state.sessionChanged("b", unlocked);
     EXPECT_THAT(m_reports, ElementsAre(true, false));
@@ -91,14 +208,14 @@ TEST_F(ScreenLockStateTest, KeepsAChangeThatComesBeforeTheFirstRead) {
     m_state.sessionAppeared("a");
     m_state.sessionChanged("a", locked);
     EXPECT_THAT(m_reports, IsEmpty()) << "whose session it is is not known yet";
-    m_state.sessionRead("a", own, locked);
+    m_state.sessionRead("a", found(locked));
     EXPECT_THAT(m_reports, ElementsAre(true));
 }
 
 TEST_F(ScreenLockStateTest, KeepsAnUnlockThatComesBeforeTheFirstRead) {
     m_state.sessionAppeared("a");
     m_state.sessionChanged("a", unlocked);
-    m_state.sessionRead("a", own, unlocked);
+    m_state.sessionRead("a", found(unlocked));
     EXPECT_THAT(m_reports, ElementsAre(false));
 }
 
@@ -107,24 +224,22 @@ TEST_F(ScreenLockStateTest, KeepsEveryChangeThatComesBeforeTheFirstRead) {
     m_state.sessionChanged("a", locked);
     m_state.sessionChanged("a", unlocked);
     m_state.sessionChanged("a", locked);
-    m_state.sessionRead("a", own, locked);
+    m_state.sessionRead("a", found(locked));
     EXPECT_THAT(m_reports, ElementsAre(true, false, true));
 }
 
-TEST_F(ScreenLockStateTest, IgnoresSessionsOfOthers) {
+TEST_F(ScreenLockStateTest, ForgetsWhatASessionSaidThatIsNoneOfTheUsers) {
     m_state.sessionAppeared("a");
     m_state.sessionChanged("a", locked);
-    m_state.sessionRead("a", foreign, locked);
-    m_state.sessionChanged("a", unlocked);
-    m_state.sessionChanged("a", locked);
-    m_state.sessionRead("a", own, locked);
+    m_state.sessionRemoved("a");
+    m_state.sessionRead("a", found(locked));
     EXPECT_THAT(m_reports, IsEmpty());
-    EXPECT_EQ(m_hintsSeen, 0);
+    EXPECT_THAT(m_state.sessionsWithHint(), IsEmpty());
 }
 
 TEST_F(ScreenLockStateTest, IgnoresSessionsThatItDoesNotKnow) {
     m_state.sessionChanged("a", locked);
-    m_state.sessionRead("a", own, locked);
+    m_state.sessionRead("a", found(locked));
     m_state.sessionRemoved("a");
     EXPECT_THAT(m_reports, IsEmpty());
 }
@@ -140,9 +255,9 @@ TEST_F(ScreenLockStateTest, SaysWhetherASessionIsNew) {
 
 TEST_F(ScreenLockStateTest, ReportsWhatASecondReadFindsChanged) {
     follow("a", unlocked);
-    m_state.sessionRead("a", own, locked);
-    m_state.sessionRead("a", own, locked);
-    m_state.sessionRead("a", own, unlocked);
+    m_state.sessionRead("a", found(locked));
+    m_state.sessionRead("a", found(locked));
+    m_state.sessionRead("a", found(unlocked));
     EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
 
@@ -184,9 +299,68 @@ TEST_F(ScreenLockStateTest, ReportsWhatASecondReadOfASaverFindsChanged) {
     EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
 
-TEST_F(ScreenLockStateTest, ReportsNothingWhenAnActiveSaverVanishes) {
+TEST_F(ScreenLockStateTest, ReportsAnUnlockWhenAnActiveSaverStaysAwayFromAnOpenSession) {
+    follow("a", unlocked);
     m_state.saverChanged("mate", active);
-    m_state.saverRemoved("mate");
+    m_state.saverVanished("mate");
+    EXPECT_THAT(m_reports, ElementsAre(true)) << "it may come back";
+    m_state.saverStaysAway("mate");
+    EXPECT_THAT(m_reports, ElementsAre(true)) << "its session may have ended";
+    EXPECT_THAT(asked(), ElementsAre("a"));
+    m_state.sessionRead("a", found(unlocked));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockStateTest, ReportsNothingWhenAnActiveSaverGoesWithItsSession) {
+    follow("a", unlocked);
+    m_state.saverChanged("mate", active);
+    m_state.saverVanished("mate");
+    m_state.saverStaysAway("mate");
+    m_state.sessionRead("a", closing());
+    EXPECT_THAT(m_reports, ElementsAre(true));
+    m_state.saverChanged("mate", active);
+    EXPECT_THAT(m_reports, ElementsAre(true, true));
+}
+
+TEST_F(ScreenLockStateTest, TakesARemoteShellForNoSessionOfASaver) {
+    follow("a", unlocked);
+    m_state.sessionAppeared("ssh");
+    m_state.sessionRead("ssh", withoutScreen(unlocked));
+    m_state.saverChanged("mate", active);
+    m_state.saverVanished("mate");
+    m_state.sessionRemoved("a");
+    m_state.saverRead("mate", inactive);
+    m_state.saverChanged("mate", active);
+    m_state.saverVanished("mate");
+    m_state.saverStaysAway("mate");
+    EXPECT_THAT(m_reports, ElementsAre(true, true)) << "the saver of the next login is another one";
+    EXPECT_THAT(asked(), IsEmpty());
+}
+
+TEST_F(ScreenLockStateTest, GoesByWhatASaverSaysThatIsBack) {
+    follow("a", unlocked);
+    m_state.saverChanged("mate", active);
+    m_state.saverVanished("mate");
+    m_state.saverRead("mate", active);
+    m_state.saverStaysAway("mate");
+    EXPECT_THAT(m_reports, ElementsAre(true));
+    m_state.saverVanished("mate");
+    m_state.saverRead("mate", inactive);
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockStateTest, ReportsNothingOfAnInactiveSaverThatVanishes) {
+    follow("a", unlocked);
+    m_state.saverRead("mate", inactive);
+    m_state.saverVanished("mate");
+    m_state.saverStaysAway("mate");
+    m_state.sessionRead("a", found(unlocked));
+    EXPECT_THAT(m_reports, IsEmpty());
+}
+
+TEST_F(ScreenLockStateTest, ReportsNothingWhenASaverDoesNotCountAnyMore) {
+    m_state.saverChanged("mate", active);
+    m_state.saverForgotten("mate");
     EXPECT_THAT(m_reports, ElementsAre(true));
     m_state.saverChanged("mate", active);
     EXPECT_THAT(m_reports, ElementsAre(true, true));
@@ -202,33 +376,37 @@ TEST_F(ScreenLockStateTest, ReportsOneEdgeWhenHintAndSaverAgree) {
     EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
 
-TEST_F(ScreenLockStateTest, IgnoresSaversForGoodOnceAHintWasSeenSet) {
+TEST_F(ScreenLockStateTest, IgnoresSaversWhileASessionLivesThatHasSetItsHint) {
     follow("a", unlocked);
     m_state.sessionChanged("a", locked);
     m_state.sessionChanged("a", unlocked);
-    m_state.sessionsForgotten();
     m_state.saverRead("mate", inactive);
     m_state.saverChanged("mate", active);
+    m_state.saverChanged("mate", inactive);
     EXPECT_THAT(m_reports, ElementsAre(true, false));
-    EXPECT_EQ(m_hintsSeen, 1);
 }
 
-TEST(ScreenLockStateWithSavers, ReportsTheHintAtWhichItsSaversAreRemoved) {
-    std::vector<bool> reports;
-    ScreenLockState* self = nullptr;
-    ScreenLockState state([&reports](bool value) { reports.push_back(value); },
-                          [&self] { self->saverRemoved("mate"); });
-    self = &state;
-    state.sessionAppeared("a");
-    state.sessionRead("a", own, unlocked);
-    state.saverRead("mate", inactive);
-    state.sessionChanged("a", locked);
-    EXPECT_THAT(reports, ElementsAre(true));
+TEST_F(ScreenLockStateTest, HearsSaversAgainOnceThatSessionIsGone) {
+    follow("a", locked);
+    m_state.sessionChanged("a", unlocked);
+    m_state.saverRead("mate", inactive);
+    m_state.sessionRead("a", closing());
+    m_state.saverChanged("mate", active);
+    EXPECT_THAT(m_reports, ElementsAre(false, true));
+}
+
+TEST_F(ScreenLockStateTest, TakesOverSilentlyASaverThatWasActiveWhileTheHintCounted) {
+    follow("a", locked);
+    m_state.sessionChanged("a", unlocked);
+    m_state.saverChanged("mate", active);
+    m_state.sessionRemoved("a");
+    EXPECT_THAT(m_reports, ElementsAre(false));
+    m_state.saverChanged("mate", inactive);
+    EXPECT_THAT(m_reports, ElementsAre(false, false));
 }
 
 TEST_F(ScreenLockStateTest, CountsAHintThatIsFoundSetAsSeen) {
     follow("a", locked);
-    EXPECT_EQ(m_hintsSeen, 1);
     m_state.sessionChanged("a", unlocked);
     m_state.saverChanged("mate", active);
     EXPECT_THAT(m_reports, ElementsAre(false));
@@ -236,14 +414,13 @@ TEST_F(ScreenLockStateTest, CountsAHintThatIsFoundSetAsSeen) {
 
 TEST_F(ScreenLockStateTest, KeepsTheSaversWhileTheHintStaysUnset) {
     follow("a", unlocked);
-    EXPECT_EQ(m_hintsSeen, 0);
     m_state.saverChanged("mate", active);
     EXPECT_THAT(m_reports, ElementsAre(true));
 }
 
 std::vector<bool> reportsOf(const std::vector<ScreenLockEvent>& history) {
     std::vector<bool> reports;
-    ScreenLockState state([&reports](bool value) { reports.push_back(value); }, [] {});
+    ScreenLockState state([&reports](bool value) { reports.push_back(value); }, [](const std::string&) {});
     for (const ScreenLockEvent& event : history) {
         apply(state, event);
     }
@@ -252,7 +429,7 @@ std::vector<bool> reportsOf(const std::vector<ScreenLockEvent>& history) {
 
 std::vector<ScreenLockEvent> randomHistory(std::mt19937& random) {
     // Forgetting and removing are rare, or nothing would ever stay long enough to matter.
-    std::discrete_distribution<int> kind({4, 4, 0.5, 8, 0.7, 0.3, 1, 2, 0.5});
+    std::discrete_distribution<int> kind({4, 5, 0.7, 1, 8, 0.7, 0.3, 1, 2, 0.7, 1, 0.4});
     std::uniform_int_distribution<int> key(0, 2);
     std::bernoulli_distribution value;
     constexpr std::size_t length = 40;

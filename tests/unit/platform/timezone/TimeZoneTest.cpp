@@ -295,6 +295,15 @@ TEST_F(TimeZone, FollowsNewRulesOfTheSameZoneWithoutAReport) {
     EXPECT_EQ(m_reports, 0);
 }
 
+TEST_F(TimeZone, SaysNothingOfAPlainCopyOfNewRules) {
+    start();
+    std::ofstream(zone("a")) << "new rules";
+    EXPECT_TRUE(runUntil([this] { return m_followed == "new rules"; }));
+    makePlain("new rules");
+    settle();
+    EXPECT_EQ(m_reports, 0);
+}
+
 TEST_F(TimeZone, HasLocalTimeFollowAtTheStart) {
     start();
     EXPECT_EQ(m_followed, rulesOf("a"));
