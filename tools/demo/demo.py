@@ -56,6 +56,8 @@ def run_stage(namespace, directory, arguments):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--stay", action="store_true")
+    parser.add_argument("--daemon-command", help="instead of the stand-in")
+    parser.add_argument("--daemon-directory", help="where that command runs")
     parser.add_argument("agent")
     parser.add_argument("daemon")
     options = parser.parse_args()
@@ -70,7 +72,11 @@ def main():
         # Others only pass through it, to the bus.
         os.chmod(directory, 0o711)
         arguments = [os.path.abspath(options.agent), os.path.abspath(options.daemon)]
-        status = run_stage(namespace, directory, (["--stay"] if options.stay else []) + arguments)
+        choices = ["--stay"] if options.stay else []
+        if options.daemon_command is not None:
+            choices += [f"--daemon-command={options.daemon_command}",
+                        f"--daemon-directory={options.daemon_directory}"]
+        status = run_stage(namespace, directory, choices + arguments)
     finally:
         shutil.rmtree(directory, ignore_errors=True)
     sys.exit(status if status >= 0 else 128 - status)

@@ -1,9 +1,7 @@
-"""What is shown: the script of ./run, and the hand-play of ./run --stay."""
+"""What is shown: the script of ./run."""
 
 import calendar
 import re
-import signal
-import sys
 import time
 
 from timeline import Missing
@@ -51,22 +49,23 @@ def message(stage, timeline):
 
 
 def zone(stage, timeline):
-    """the time zone changes from UTC to Tokyo; the log's own clock follows"""
+    """the time zone changes from UTC to Tokyo; the stamps in the log follow"""
     mark = timeline.mark()
     stage.etc.set_zone("Asia/Tokyo")
     timeline.wait("agent", r"Timezone changed notification came$", mark)
     timeline.wait("daemon", r"<- onTimeZoneChanged$", mark)
-    check_log_hour(stage)
+    timeline.note("run", f"The log now reads {check_log_hour(stage)}")
 
 
 def check_log_hour(stage):
-    """The stamp of the last line, taken for Tokyo's time, is the present."""
+    """The stamp of the last line, taken for Tokyo's time, is the present; returns the line."""
     with open(stage.log, encoding="utf-8") as file:
         last = file.readlines()[-1]
     found = re.match(r"\d{4}/\d\d/\d\d \d\d:\d\d:\d\d", last)
     ahead = calendar.timegm(time.strptime(found.group(0), "%Y/%m/%d %H:%M:%S")) - time.time()
     if abs(ahead - 9 * 3600) > 60:
         raise Missing("stamps in the log that follow the time zone")
+    return last.rstrip("\n")
 
 
 def kill(stage, timeline):
@@ -152,55 +151,3 @@ def play(stage, timeline):
     all_of_it = all(verdict == "ok" for verdict, _, _ in verdicts)
     print("\nAll of it happened." if all_of_it else "\nNot all of it happened.")
     return 0 if all_of_it else 1
-
-
-HELP = """
-The agent is linked to the stand-in daemon. Type, and press Enter:
-  lock, unlock       lock or unlock the screen
-  zone NAME          change the time zone, for example: zone Europe/Berlin
-  kill, restart      kill the daemon, start it again
-  help               the daemon's own commands, for example: put some text
-Ctrl-C ends everything.
-
-The agent's log    {log}
-"""
-
-OUTSIDE = """From another terminal:
-  tail -f {log}
-  export DBUS_SYSTEM_BUS_ADDRESS={address}
-  dbus-send --system --dest=org.freedesktop.login1 {session} org.freedesktop.login1.Session.SetLockedHint boolean:true
-"""
-
-
-def obey(stage, line):
-    """Carries out one typed line."""
-    word, _, rest = line.strip().partition(" ")
-    if word in ("lock", "unlock") and not rest:
-        stage.set_locked(word == "lock")
-    elif word == "zone" and rest:
-        stage.etc.set_zone(rest.strip())
-    elif word == "kill" and not rest:
-        stage.kill_daemon()
-    elif word == "restart" and not rest:
-        stage.kill_daemon()
-        stage.start_daemon()
-    elif word:
-        stage.tell_daemon(line.strip())
-
-
-def stay(stage, timeline, outside):
-    """Brings the link up and does what is typed, until Ctrl-C."""
-    timeline.heading(describe(link_up, stage))
-    link_up(stage, timeline)
-    timeline.settle()
-    print(HELP.format(log=stage.log))
-    if outside:
-        print(OUTSIDE.format(log=stage.log, address=stage.address, session=stage.session))
-    sys.stdout.flush()
-    for line in sys.stdin:
-        try:
-            obey(stage, line)
-        except Missing as missing:
-            timeline.note("run", f"missing {missing}")
-    while True:
-        signal.pause()

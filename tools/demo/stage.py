@@ -4,6 +4,7 @@ Runs inside the namespace that demo.py made, as its root.
 """
 
 import argparse
+import contextlib
 import ctypes
 import os
 import signal
@@ -16,6 +17,7 @@ import dbus
 import dbus.bus
 
 import play
+import stay
 from timeline import Missing, Timeline, wants_colour
 
 PR_SET_PDEATHSIG = 1
@@ -47,6 +49,15 @@ def mount(*arguments):
     subprocess.run(["mount", *arguments], check=True)
 
 
+def is_zone(path):
+    """Whether the file holds a time zone (tzfile(5))."""
+    try:
+        with open(path, "rb") as file:
+            return file.read(4) == b"TZif"
+    except OSError:
+        return False
+
+
 class PrivateEtc:
     """An /etc of this namespace's own: everything in it leads to the real one but for localtime."""
 
@@ -69,7 +80,7 @@ class PrivateEtc:
     def set_zone(zone):
         """As the system's own tools do it: a new link, moved over the old one."""
         target = os.path.join("/usr/share/zoneinfo", zone)
-        if not os.path.isfile(target):
+        if not is_zone(target):
             raise Missing(f"time zone {zone} in /usr/share/zoneinfo")
         os.symlink(target, "/etc/localtime.new")
         os.replace("/etc/localtime.new", "/etc/localtime")
@@ -110,8 +121,21 @@ class Stage:
                                 "AddSession", "ssusb", ("demo", "seat0", os.getuid(), "demo", True))
 
     def start_daemon(self):
-        self._daemon = self._start("daemon", [self._options.daemon], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        threading.Thread(target=self._read_daemon, args=(self._daemon.stdout,), daemon=True).start()
+        command, directory = [self._options.daemon], "/"
+        if self._options.daemon_command is not None:
+            command, directory = ["sh", "-c", self._options.daemon_command], self._options.daemon_directory
+        self._daemon = self._start("daemon", command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, cwd=directory)
+        for stream in (self._daemon.stdout, self._daemon.stderr):
+            threading.Thread(target=self._read_daemon, args=(stream,), daemon=True).start()
+
+    def await_daemon(self):
+        """Returns once the daemon owns its name."""
+        def owned():
+            if self._daemon.poll() is not None:
+                raise Missing(f"a daemon that runs (it ended with status {self._daemon.returncode})")
+            return self._bus.name_has_owner("com.brovik.velmdaemon") or None
+        self._until("a daemon that owns com.brovik.velmdaemon", owned)
 
     def start_agent(self):
         self._agent = self._start("agent", [self._options.agent], stdout=subprocess.DEVNULL)
@@ -122,11 +146,20 @@ class Stage:
             self._daemon.stdin.write(command + "\n")
             self._daemon.stdin.flush()
         except BrokenPipeError:
-            self.timeline.heading("the daemon is not running")
+            raise Missing("a daemon that runs") from None
 
     def kill_daemon(self):
-        self._daemon.kill()
+        # With what it has started: a command of the shell's may be more than one process.
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(self._daemon.pid, signal.SIGKILL)
         self._daemon.wait()
+
+    def daemon_help(self):
+        """What the stand-in says of the commands that it takes, as its lines."""
+        help_text = subprocess.run([self._options.daemon, "--help"], capture_output=True, text=True,
+                                   check=True).stdout
+        commands = help_text.partition("Commands on standard input")[2].partition("\n\n")[0]
+        return commands.splitlines()[1:]
 
     def end_agent(self):
         """Ends the agent as a service manager does; returns its status."""
@@ -192,17 +225,18 @@ class Stage:
 
     def complaints(self):
         """What the programs said on their standard errors."""
-        for name in ("bus", "logind", "daemon", "agent"):
+        for name in ("bus", "logind", "agent"):
             path = os.path.join(self.directory, name + ".errors")
             if os.path.exists(path):
                 with open(path, encoding="utf-8", errors="replace") as file:
                     yield from (f"{name}: {line.rstrip()}" for line in file)
 
     def _start(self, name, command, **streams):
-        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, **streams}
         with open(os.path.join(self.directory, name + ".errors"), "a", encoding="utf-8") as errors:
+            streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": errors, "cwd": "/",
+                       **streams}
             # Ctrl-C is for this program, which ends the others in their order.
-            process = subprocess.Popen(command, env=self._environment, stderr=errors, text=True, cwd="/",
+            process = subprocess.Popen(command, env=self._environment, text=True, errors="replace",
                                        start_new_session=True, preexec_fn=die_with_parent, **streams)
         self._processes.append(process)
         return process
@@ -250,6 +284,8 @@ def main():
     parser.add_argument("--directory", required=True)
     parser.add_argument("--uid", type=int, required=True, help="who ./run was called by, outside of the namespace")
     parser.add_argument("--stay", action="store_true")
+    parser.add_argument("--daemon-command", help="instead of the stand-in")
+    parser.add_argument("--daemon-directory", help="where that command runs")
     parser.add_argument("agent")
     parser.add_argument("daemon")
     options = parser.parse_args()
@@ -263,7 +299,7 @@ def main():
     try:
         stage = Stage(options, timeline)
         if options.stay:
-            status = play.stay(stage, timeline, outside=options.uid == 0)
+            status = stay.stay(stage, timeline, outside=options.uid == 0, own=options.daemon_command)
         else:
             status = play.play(stage, timeline)
     except KeyboardInterrupt:

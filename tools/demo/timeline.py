@@ -1,4 +1,4 @@
-"""One timeline from several clocks."""
+"""One timeline, on one clock, from programs that have clocks of their own."""
 
 import os
 import re
@@ -35,7 +35,7 @@ class Timeline:
         self._colour = colour
         self._changed = threading.Condition()
         self._entries = []  # (source, text) in the order of their arrival
-        self._waiting = []  # (time, sequence, source, clock, text), not yet printed
+        self._waiting = []  # (time, sequence, source, text), not yet printed
         self._start = time.time()
         self._ended = False
         self._titled = False
@@ -47,10 +47,9 @@ class Timeline:
         now = time.time()
         found = STAMP.match(line)
         if found:
-            clock = ":".join(found.group(1, 2, 3)) + "." + found.group(4)
-            self._add(true_time(found.group(1, 2, 3, 4), now), source, clock, found.group(5))
+            self._add(true_time(found.group(1, 2, 3, 4), now), source, found.group(5))
         else:
-            self._add(now, source, "", line)
+            self._add(now, source, line)
 
     def heading(self, text):
         """Says what happens next."""
@@ -59,11 +58,11 @@ class Timeline:
     def note(self, source, text):
         """A line that has no time of its own."""
         # The programs cut their times to milliseconds; so is this one, to stand before what it causes.
-        self._add(int(time.time() * 1000) / 1000, source, "", text)
+        self._add(int(time.time() * 1000) / 1000, source, text)
 
-    def _add(self, when, source, clock, text):
+    def _add(self, when, source, text):
         with self._changed:
-            self._waiting.append((when, len(self._entries), source, clock, text))
+            self._waiting.append((when, len(self._entries), source, text))
             self._entries.append((source, text))
             self._changed.notify_all()
 
@@ -90,6 +89,15 @@ class Timeline:
                 if left <= 0:
                     raise Missing(f"a line of the {source} like /{pattern}/ within {cap:g} s")
                 self._changed.wait(left)
+
+    def quieten(self, quiet=0.5, cap=5.0):
+        """Waits until no line has come for a while."""
+        deadline = time.monotonic() + cap
+        with self._changed:
+            while time.monotonic() < deadline:
+                known = len(self._entries)
+                if not self._changed.wait_for(lambda known=known: len(self._entries) > known, quiet):
+                    return
 
     def settle(self):
         """Waits until everything so far is printed."""
@@ -118,16 +126,16 @@ class Timeline:
                     return
                 self._changed.wait(HOLD_BACK / 4 if self._waiting else None)
 
-    def _print(self, when, _sequence, source, clock, text):
+    def _print(self, when, _sequence, source, text):
         seconds = when - self._start
         if not self._titled:
             self._titled = True
-            sys.stdout.write(f"{'seconds':>8}  {'who':<9} {'its clock':<13} line\n")
+            sys.stdout.write(f"{'seconds':>8}  {'who':<9} line\n")
         if source == "run":
             line = f"{seconds:8.3f}  {text}"
             blank = "\n"
         else:
-            line = f"{seconds:8.3f}  {source:<9} {clock:<13} {text}"
+            line = f"{seconds:8.3f}  {source:<9} {text}"
             blank = ""
         if self._colour:
             line = f"\033[{COLOURS[source]}m{line}\033[0m"

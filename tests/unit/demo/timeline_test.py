@@ -64,7 +64,7 @@ class TimelineTest(unittest.TestCase):
 
         lines = self.printed(fill)
         for text in ("[TRACE]", "agent 1", "forged"):
-            self.assertEqual([line.index(text) for line in lines if text in line], [34], text)
+            self.assertEqual([line.index(text) for line in lines if text in line], [20], text)
 
     def test_keeps_the_order_of_lines_of_one_time(self):
         same = stamp(time.time())
