@@ -15,8 +15,8 @@ install(EXPORT velm-targets
     DESTINATION "${velm_cmake_dir}"
     COMPONENT dev)
 
-# Users write #include <common/BaseTimer.h> as this tree does, so the include directory is include/velm. Headers of
-# private state stay here.
+# Users write #include <velm/common/BaseTimer.h>, so that nobody's own common/BaseTimer.h is in the way. Headers of private
+# state stay here.
 install(FILES
     "${PROJECT_SOURCE_DIR}/src/common/BaseTimer.h"
     "${PROJECT_SOURCE_DIR}/src/common/ITimer.h"
@@ -56,3 +56,11 @@ function(velm_install_pkgconfig library description)
 endfunction()
 velm_install_pkgconfig(common "Periodic and one-shot timers and a counting semaphore")
 velm_install_pkgconfig(logging "Process-wide log with a rotated file")
+
+set(velm_dev_doc_dir "${CMAKE_INSTALL_DATADIR}/doc/velmmonitord-dev")
+install(FILES "${PROJECT_SOURCE_DIR}/docs/libraries.md" DESTINATION "${velm_dev_doc_dir}" COMPONENT dev)
+install(FILES
+    "${PROJECT_SOURCE_DIR}/examples/rotating_log.cpp"
+    "${PROJECT_SOURCE_DIR}/examples/timers.cpp"
+    DESTINATION "${velm_dev_doc_dir}/examples"
+    COMPONENT dev)

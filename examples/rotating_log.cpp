@@ -1,8 +1,8 @@
 // Logs into a file that is rotated, and shows what is where afterwards. Usage: rotating_log DIRECTORY
 
-#include <logging/FileDestination.h>
-#include <logging/Log.h>
-#include <logging/RotationStrategy.h>
+#include <velm/logging/FileDestination.h>
+#include <velm/logging/Log.h>
+#include <velm/logging/RotationStrategy.h>
 
 #include <exception>
 #include <fstream>
@@ -14,7 +14,7 @@ namespace {
 
 void logMessage(Logging::Level level, const std::string& message) {
     // The logger does not filter; whoever logs asks first, and so pays nothing for what is not wanted.
-    if (Logging::Logger::instance().loggingLevel() >= level) {
+    if (Logging::isLogged(level)) {
         Logging::Logger::Helper(level).stream_std() << message;
     }
 }

@@ -1,9 +1,9 @@
 // A periodic timer and one-shot callbacks. Each callback runs on its timer's thread; the main thread waits
 // for them.
 
-#include <common/BaseTimer.h>
-#include <common/Semaphore.h>
-#include <common/SingleShotTimer.h>
+#include <velm/common/BaseTimer.h>
+#include <velm/common/Semaphore.h>
+#include <velm/common/SingleShotTimer.h>
 
 #include <chrono>
 #include <iostream>

@@ -4,7 +4,7 @@
 #include <functional>
 #include <memory>
 
-#include "common/ITimer.h"
+#include "ITimer.h"
 
 namespace cmn {
 
@@ -83,8 +83,8 @@ public:
     /// Starts a task on a new thread, or, if one runs, has it go on. Waits first for a task that was started
     /// but has not got going yet, or is on its way out: for a periodic one, until another thread stops it. A
     /// run() that comes just when a single-shot tick returns may be lost with the task that it meant to keep;
-    /// reset() is not. Throws std::system_error if the platform refuses a thread; active() is true then, with
-    /// no task.
+    /// reset() is not. Throws std::system_error if the platform refuses a thread, std::bad_alloc if there is
+    /// no memory; active() is true then, with no task. Never throws what a callback threw.
     void run() override;
 
     /// A new value restarts the wait under way with its full length and fires nothing; the present value

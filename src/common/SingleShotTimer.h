@@ -6,7 +6,7 @@
 #include <memory>
 #include <optional>
 
-#include "common/ITimer.h"
+#include "ITimer.h"
 
 namespace cmn {
 

@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "logging/Log.h"
-#include "logging/RotationStrategy.h"
+#include "Log.h"
+#include "RotationStrategy.h"
 
 namespace Logging {
 

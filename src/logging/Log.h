@@ -5,10 +5,10 @@
 #include <sstream>
 #include <string>
 
-/// The current local time as a log line shows it: `2026/11/16 05:28:20:007`, always 23 characters, with a
-/// colon before the milliseconds. Any thread. The local zone is the one that the C library knows; POSIX
-/// leaves it open whether `localtime_r` looks for a new one, so a process that wants to follow a change calls
-/// `tzset()`.
+/// The current local time as a log line shows it: `2026/11/16 05:28:20:007`, with a colon before the
+/// milliseconds; 23 characters while the C++ global locale is the classic one. Any thread. The local zone is
+/// the one that the C library knows; POSIX leaves it open whether `localtime_r` looks for a new one, so a
+/// process that wants to follow a change calls `tzset()`.
 std::string now_date_time();
 
 /// Writes `line` and one line feed to `std::cout` without flushing it, so that console output costs no system
@@ -124,10 +124,10 @@ public:
 /// The process's log.
 ///
 /// Set-up (`initAsDefault`, `addDestination`, the setters, the first `instance()`) takes no lock and must be
-/// over before a second thread logs. From then on any thread may log: read `loggingLevel()`, and if it is at
-/// least the message's level, write the message into a `Helper`:
+/// over before a second thread logs. From then on any thread may log: ask `isLogged()`, which compares the
+/// message's level with `loggingLevel()`, and if it is, write the message into a `Helper`:
 ///
-///     if (Logging::Logger::instance().loggingLevel() >= Logging::Trace) {
+///     if (Logging::isLogged(Logging::Trace)) {
 ///         Logging::Logger::Helper helper(Logging::Trace);
 ///         helper.stream_std() << "Monitor launcher is running";
 ///     }
@@ -198,6 +198,12 @@ private:
 
     static std::unique_ptr<Logger> m_instance;
 };
+
+/// Whether a message of this level is to be written: what a call site asks before it makes a `Helper`. Any
+/// thread.
+inline bool isLogged(Level level) {
+    return Logger::instance().loggingLevel() >= level;
+}
 
 /// Builds one log line and writes it when it goes out of scope, whatever the logger's level: filtering is the
 /// call site's affair. Lives on the stack of one statement and belongs to its thread.

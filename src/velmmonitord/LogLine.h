@@ -6,7 +6,7 @@
 /// through; no line, stream or thread is made otherwise. Returns when the line is written. Any thread.
 template <typename... Parts>
 void logLine(Logging::Level level, const Parts&... parts) {
-    if (Logging::Logger::instance().loggingLevel() >= level) {
+    if (Logging::isLogged(level)) {
         Logging::Logger::Helper helper(level);
         (helper.stream_std() << ... << parts);
     }

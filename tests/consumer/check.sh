@@ -41,16 +41,22 @@ diff <(cd "$work/installed" && find . -type f | sed -E 's|lib/[^/]*-linux-gnu/|l
 ./lib/libvelm_logging.a
 ./lib/pkgconfig/velm-common.pc
 ./lib/pkgconfig/velm-logging.pc
+./share/doc/velmmonitord-dev/examples/rotating_log.cpp
+./share/doc/velmmonitord-dev/examples/timers.cpp
+./share/doc/velmmonitord-dev/libraries.md
 EOF
     fail "the list above differs"
 
-echo "== Each public header compiles on its own, twice over"
-for header in $(cd "$work/installed/include/velm" && find . -name '*.h' | sed 's|^\./||'); do
+echo "== Each public header compiles on its own, twice over, beside other people's headers of the same names"
+mkdir -p "$work/others/logging" "$work/others/common"
+echo '#error "this is another project'"'"'s header"' |
+    tee "$work"/others/{logging/{Log,RotationStrategy},common/ITimer,Log,ITimer}.h >/dev/null
+for header in $(cd "$work/installed/include" && find . -name '*.h' | sed 's|^\./||'); do
     for compiler in g++ clang++; do
         command -v "$compiler" >/dev/null || fail "$compiler is missing"
         printf '#include <%s>\n#include <%s>\n' "$header" "$header" |
             "$compiler" -std=c++17 -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror \
-                -fsyntax-only "-I$work/installed/include/velm" -x c++ - ||
+                -fsyntax-only "-I$work/others" "-I$work/installed/include" -x c++ - ||
             fail "<$header> does not compile on its own with $compiler"
     done
 done
@@ -84,5 +90,24 @@ done
 # shellcheck disable=SC2046
 "$cxx" -std=c++17 "$here/main.cpp" -o "$work/consumer" $(pkg-config --cflags --libs velm-common velm-logging)
 run_consumer pkg-config "$work/consumer"
+
+echo "== The program that the documentation begins with, by its own command"
+mkdir "$work/page"
+page=$work/installed/share/doc/velmmonitord-dev/libraries.md
+# The page's one C++ block is the program; the command stands below it.
+sed -n '/^```cpp$/,/^```$/p' "$page" | sed '/^```/d' >"$work/page/hello.cpp"
+command=$(grep -E '^g\+\+ .*hello\.cpp' "$page")
+[[ -s $work/page/hello.cpp && -n $command ]] || fail "docs/libraries.md does not begin with a program and its command"
+(cd "$work/page" && bash -euc "$command" && ./hello) || fail "the program of docs/libraries.md does not run"
+[[ $(wc -l <"$work/page/hello.log") == 2 ]] || fail "the program of docs/libraries.md does not log what it says"
+
+echo "== Configured alone, without libsystemd and Boost in sight"
+PKG_CONFIG_LIBDIR=/nonexistent PKG_CONFIG_PATH='' cmake -S "$here/../.." -B "$work/alone" -G Ninja -DCMAKE_CXX_COMPILER="$cxx" \
+    -DVELM_BUILD_AGENT=OFF -DVELM_BUILD_TESTS=OFF -DCMAKE_DISABLE_FIND_PACKAGE_Boost=ON \
+    -DCMAKE_DISABLE_FIND_PACKAGE_PkgConfig=ON
+cmake --build "$work/alone"
+cmake --install "$work/alone" --component dev --prefix "$work/alone-installed"
+diff <(cd "$work/installed/include" && find . -type f | sort) <(cd "$work/alone-installed/include" && find . -type f | sort) ||
+    fail "alone, other headers are installed"
 
 echo "The installed libraries are usable."

@@ -1,9 +1,9 @@
-#include <common/BaseTimer.h>
-#include <common/Semaphore.h>
-#include <common/SingleShotTimer.h>
-#include <logging/FileDestination.h>
-#include <logging/Log.h>
-#include <logging/RotationStrategy.h>
+#include <velm/common/BaseTimer.h>
+#include <velm/common/Semaphore.h>
+#include <velm/common/SingleShotTimer.h>
+#include <velm/logging/FileDestination.h>
+#include <velm/logging/Log.h>
+#include <velm/logging/RotationStrategy.h>
 
 #include <chrono>
 #include <memory>
