@@ -86,6 +86,9 @@ int FakeLogind::called(sd_bus_message* call, void* self, sd_bus_error* /*error*/
     if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) {
         return 0;
     }
+    if (logind->answerLocker(call)) {
+        return 1;
+    }
     logind->m_asker = sd_bus_message_get_sender(call);
     const bool asksForList = sd_bus_message_is_method_call(call, managerInterface, "ListSessions") > 0;
     ++(asksForList ? logind->m_listsAsked : logind->m_sessionsAsked);
@@ -95,6 +98,27 @@ int FakeLogind::called(sd_bus_message* call, void* self, sd_bus_error* /*error*/
         logind->answer(call);
     }
     return 1;
+}
+
+bool FakeLogind::answerLocker(sd_bus_message* call) {
+    if (m_sessions.empty()) {
+        return false;
+    }
+    const std::string first = m_sessions.begin()->first;
+    if (sd_bus_message_is_method_call(call, managerInterface, "GetSession") > 0) {
+        return sd_bus_reply_method_return(call, "o", path(first).c_str()) >= 0;
+    }
+    if (sd_bus_message_is_method_call(call, propertiesInterface, "Get") > 0) {
+        return sd_bus_reply_method_return(call, "v", "b", static_cast<int>(isLocked(first))) >= 0;
+    }
+    if (sd_bus_message_is_method_call(call, sessionInterface, "SetLockedHint") > 0) {
+        int locked = 0;
+        sd_bus_message_read(call, "b", &locked);
+        m_hintsSet.push_back(locked != 0);
+        setHint(first, locked != 0);
+        return sd_bus_reply_method_return(call, "") >= 0;
+    }
+    return false;
 }
 
 void FakeLogind::answer(sd_bus_message* call) {

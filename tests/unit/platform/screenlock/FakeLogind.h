@@ -58,6 +58,10 @@ public:
     /// What is asked from here on of a session's properties is answered with this instead.
     void answerWith(std::function<void(sd_bus_message* reply)> fill) { m_fill = std::move(fill); }
 
+    /// The hint of a session.
+    bool isLocked(const std::string& session) const { return m_sessions.at(session).locked; }
+    /// What lockers have set hints to, in order.
+    const std::vector<bool>& hintsSet() const { return m_hintsSet; }
     int listsAsked() const { return m_listsAsked; }
     int sessionsAsked() const { return m_sessionsAsked; }
     int held() const { return static_cast<int>(m_held.size()); }
@@ -67,6 +71,7 @@ public:
 
 private:
     static int called(sd_bus_message* call, void* self, sd_bus_error* error);
+    bool answerLocker(sd_bus_message* call);
     void answer(sd_bus_message* call);
     void answerList(sd_bus_message* call);
     void answerSession(sd_bus_message* call);
@@ -77,6 +82,7 @@ private:
     std::vector<platform::MessageHandle> m_held;
     std::function<void(sd_bus_message*)> m_fill;
     std::string m_asker;
+    std::vector<bool> m_hintsSet;
     bool m_holding = false;
     bool m_holdingLists = false;
     int m_listsAsked = 0;
