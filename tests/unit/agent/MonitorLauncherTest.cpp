@@ -264,11 +264,13 @@ TEST_F(MonitorLauncherTest, LogsTheDaemonsAnswerBeforeItStopsTheTimer) {
     m_launcher->launch();
     bool ticked = false;
     for (int attempt = 0; attempt < 4 && !ticked; ++attempt) {
-        m_sigDisconnectedImpl();
+        // A tick shows that the timer's task is at work; before that, a loss would wait for its end.
+        ASSERT_TRUE(trace().waitFor(tick));
         trace().clear();
         m_sigConnectedImpl();
         // The tick's own line has waited for the answer's.
         ticked = trace().waitFor(tick, interval / 2);
+        m_sigDisconnectedImpl();
     }
     EXPECT_TRUE(ticked);
 }
