@@ -22,6 +22,10 @@ target_compile_options(velm_flags INTERFACE
     $<$<BOOL:${VELM_WERROR}>:-Werror>
     -fstack-protector-strong)
 
+if(VELM_BUILD_FUZZERS)
+    # Coverage of all that a fuzzer reaches; only the fuzzers themselves are linked with its driver.
+    target_compile_options(velm_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 if(VELM_SANITIZE)
     target_compile_options(velm_flags INTERFACE -fsanitize=${VELM_SANITIZE} -fno-omit-frame-pointer
         -fno-sanitize-recover=all)

@@ -27,7 +27,7 @@ deep_steps() {
         step test-asan  "unit and link tests under them" run_tests asan -L 'unit|link'
     step build-tsan     "builds with the thread sanitizer" build tsan &&
         step test-tsan  "unit and link tests under it" run_tests tsan -L 'unit|link'
-    step fuzz           "each fuzzer for 20 s" fuzz
+    step fuzz           "each fuzzer for 20 s" tests/fuzz/run
     step bench          "each benchmark once" benchmarks
 }
 
@@ -48,16 +48,6 @@ build() { cmake --preset "$1" "${@:2}" && cmake --build --preset "$1" -j "$jobs"
 run_tests() { ctest --preset "$1" -j $((4 * jobs)) "${@:2}"; }
 
 format_check() { git ls-files '*.cpp' '*.h' '*.mm' '*.m' | xargs clang-format --dry-run --Werror; }
-
-fuzz() {
-    local fuzzer
-    build fuzz || return
-    for fuzzer in build/fuzz/tests/fuzz/fuzz_*; do
-        [[ -x $fuzzer && -f $fuzzer ]] || continue
-        echo "== $fuzzer"
-        "$fuzzer" -max_total_time=20 -print_final_stats=1 "-artifact_prefix=$logs/" || return
-    done
-}
 
 benchmarks() {
     local benchmark
