@@ -1,0 +1,174 @@
+// A small management daemon over sd-bus: confirms each agent's link, and prints what happens. See
+// daemon-authors.md.
+
+#include <pwd.h>
+#include <systemd/sd-bus.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <system_error>
+
+namespace {
+
+constexpr const char* serviceName = "com.brovik.velmdaemon";
+constexpr const char* daemonPath = "/com/brovik/velmdaemon";
+constexpr const char* daemonInterface = "com.brovik.XpcDaemonProtocol";
+constexpr const char* agentPath = "/com/brovik/velmmonitord";
+constexpr const char* agentInterface = "com.brovik.XpcAgentProtocol";
+
+/// Who is at the other end, by the unique names of their connections to the bus.
+using Agents = std::map<std::string, std::string>;
+
+std::string userOf(sd_bus_message* call) {
+    sd_bus_creds* creds = nullptr;
+    uid_t uid = 0;
+    // The bus knows who sent a message; nothing that the message says is to be trusted for that.
+    const bool known = sd_bus_query_sender_creds(call, SD_BUS_CREDS_EUID, &creds) >= 0 &&
+                       sd_bus_creds_get_euid(creds, &uid) >= 0;
+    sd_bus_creds_unref(creds);
+    const passwd* entry = known ? getpwuid(uid) : nullptr;
+    return entry != nullptr ? entry->pw_name : "user " + std::to_string(uid);
+}
+
+const std::string& introduce(sd_bus_message* call, Agents& agents) {
+    const auto [agent, isNew] = agents.try_emplace(sd_bus_message_get_sender(call));
+    if (isNew) {
+        agent->second = userOf(call);
+    }
+    return agent->second;
+}
+
+// Says something to the agent that sent `call`: at its unique name, and without asking for a reply.
+template <typename... Arguments>
+void tell(sd_bus_message* call, const char* member, const char* types, Arguments... arguments) {
+    sd_bus_message* message = nullptr;
+    sd_bus* const bus = sd_bus_message_get_bus(call);
+    if (sd_bus_message_new_method_call(bus, &message, sd_bus_message_get_sender(call), agentPath,
+                                       agentInterface, member) >= 0 &&
+        sd_bus_message_append(message, types, arguments...) >= 0) {
+        sd_bus_message_set_expect_reply(message, 0);
+        sd_bus_send(bus, message, nullptr);
+    }
+    sd_bus_message_unref(message);
+}
+
+int onConnect(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+    // May come twice from one agent, and comes again from an agent whose link was lost.
+    std::printf("%s: connected; whether the screen is locked is not known\n",
+                introduce(call, *static_cast<Agents*>(agents)).c_str());
+    tell(call, "connected", "b", 1);
+    return sd_bus_reply_method_return(call, nullptr);
+}
+
+int onScreenLocked(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+    int locked = 0;
+    const int result = sd_bus_message_read(call, "b", &locked);
+    if (result < 0) {
+        return result;
+    }
+    std::printf("%s: screen %s\n", introduce(call, *static_cast<Agents*>(agents)).c_str(),
+                locked != 0 ? "locked" : "unlocked");
+    return sd_bus_reply_method_return(call, nullptr);
+}
+
+int onTimeZoneChanged(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+    std::printf("%s: time zone changed\n", introduce(call, *static_cast<Agents*>(agents)).c_str());
+    const char text[] = "noted";
+    // Data goes the other way just as well.
+    tell(call, "putMessage", "ay", 5, text[0], text[1], text[2], text[3], text[4]);
+    return sd_bus_reply_method_return(call, nullptr);
+}
+
+int onPing(sd_bus_message* call, void* /*agents*/, sd_bus_error* /*error*/) {
+    return sd_bus_reply_method_return(call, "b", 1);
+}
+
+int onPutMessage(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+    const void* bytes = nullptr;
+    std::size_t length = 0;
+    const int result = sd_bus_message_read_array(call, 'y', &bytes, &length);
+    if (result < 0) {
+        return result;
+    }
+    std::printf("%s: a message of %zu bytes\n", introduce(call, *static_cast<Agents*>(agents)).c_str(),
+                length);
+    return sd_bus_reply_method_return(call, nullptr);
+}
+
+int onRequestForLogLevel(sd_bus_message* call, void* /*agents*/, sd_bus_error* /*error*/) {
+    tell(call, "logLevel", "x", std::int64_t{6});
+    return sd_bus_reply_method_return(call, nullptr);
+}
+
+// A connection to the bus ended; it may have been an agent's.
+int onNameOwnerChanged(sd_bus_message* signal, void* agents, sd_bus_error* /*error*/) {
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* now = nullptr;
+    const char* const sender = sd_bus_message_get_sender(signal);
+    // Anyone may send us such a signal; only the bus's own counts.
+    if (sender == nullptr || std::strcmp(sender, "org.freedesktop.DBus") != 0 ||
+        sd_bus_message_read(signal, "sss", &name, &before, &now) < 0 || now[0] != '\0') {
+        return 0;
+    }
+    auto& known = *static_cast<Agents*>(agents);
+    if (const auto agent = known.find(name); agent != known.end()) {
+        std::printf("%s: gone\n", agent->second.c_str());
+        known.erase(agent);
+    }
+    return 0;
+}
+
+// Agents of any user call these; without the flag, sd-bus would let only root do so.
+constexpr auto open = SD_BUS_VTABLE_UNPRIVILEGED;
+
+const sd_bus_vtable methods[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD("connect", "", "", onConnect, open),
+    SD_BUS_METHOD("pingWithReply", "", "b", onPing, open),
+    SD_BUS_METHOD("putMessage", "ay", "", onPutMessage, open),
+    SD_BUS_METHOD("onScreenLocked", "b", "", onScreenLocked, open),
+    SD_BUS_METHOD("onTimeZoneChanged", "", "", onTimeZoneChanged, open),
+    SD_BUS_METHOD("requestForLogLevel", "i", "", onRequestForLogLevel, open),
+    SD_BUS_VTABLE_END,
+};
+
+void check(int result, const char* doing) {
+    if (result < 0) {
+        throw std::system_error(-result, std::generic_category(), doing);
+    }
+}
+
+void serve() {
+    Agents agents;
+    sd_bus* bus = nullptr;
+    check(sd_bus_open_system(&bus), "cannot reach the system bus");
+    check(sd_bus_add_object_vtable(bus, nullptr, daemonPath, daemonInterface, methods, &agents),
+          "cannot offer the interface");
+    check(sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                              "org.freedesktop.DBus", "NameOwnerChanged", onNameOwnerChanged, &agents),
+          "cannot watch for agents that go");
+    check(sd_bus_request_name(bus, serviceName, 0), "cannot own com.brovik.velmdaemon");
+    std::puts("ready");
+    for (;;) {
+        const int handled = sd_bus_process(bus, nullptr);
+        check(handled, "lost the system bus");
+        if (handled == 0) {
+            check(sd_bus_wait(bus, UINT64_MAX), "cannot wait for the bus");
+        }
+    }
+}
+
+}  // namespace
+
+int main() {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    try {
+        serve();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "daemon: %s\n", error.what());
+    }
+    return 1;
+}
