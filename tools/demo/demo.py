@@ -42,6 +42,21 @@ def usable_namespace(directory):
     return None
 
 
+def why_no_namespace():
+    """What to tell whoever has to change that; the reasons are those of containers and chroots."""
+    try:
+        with open("/proc/self/mountinfo", encoding="utf-8") as file:
+            mount_points = [line.split()[4] for line in file]
+    except OSError:
+        return "/proc is not mounted here, so no private mount namespace can be made: mount -t proc proc /proc"
+    if "/" not in mount_points:
+        return ("the root directory is no mount point here, as in a plain chroot, so no private mount namespace can "
+                "be made; outside, do 'mount --bind ROOT ROOT' before 'chroot ROOT', or enter it with "
+                "'systemd-nspawn --directory=ROOT'")
+    return ("needs a private mount namespace, and this machine gives none: neither root's nor a user namespace's; "
+            "in a container, start that with the capability SYS_ADMIN")
+
+
 def run_stage(namespace, directory, arguments):
     stage = os.path.join(os.path.dirname(os.path.abspath(__file__)), "stage.py")
     child = subprocess.Popen([*namespace, sys.executable, "-B", stage, "--directory", directory,
@@ -67,8 +82,7 @@ def main():
     try:
         namespace = usable_namespace(directory)
         if namespace is None:
-            sys.exit("run: needs a private mount namespace, and this machine gives none: "
-                     "neither root's nor a user namespace's")
+            sys.exit(f"run: {why_no_namespace()}")
         # Others only pass through it, to the bus.
         os.chmod(directory, 0o711)
         arguments = [os.path.abspath(options.agent), os.path.abspath(options.daemon)]
