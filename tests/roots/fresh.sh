@@ -1,0 +1,127 @@
+#!/usr/bin/env bash
+# Gives ./run and ./check what a newcomer gives them: new systems of the Debian releases, all at once, with nothing
+# installed. Usage: tests/roots/fresh.sh [--everything]
+#   --everything  both commands as root and as an ordinary user in every release; without, each release has ./run as
+#                 both and ./check as one of them
+# Status: 0 all worked, 1 something failed, 2 it cannot run on this machine. Needs root or sudo.
+set -euo pipefail
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+sources=$(cd "$here/../.." && pwd)
+everything=no
+case ${1-} in
+    '') ;;
+    --everything) everything=yes ;;
+    *) sed -n '3,5s/^# //p' "$0" >&2; exit 2 ;;
+esac
+if ((EUID != 0)); then
+    exec sudo --preserve-env=VELM_CACHE_DIR,VELM_DEBIAN_MIRROR "$0" "$@"
+fi
+for tool in debootstrap unshare pivot_root git; do
+    command -v "$tool" >/dev/null ||
+        { echo "fresh: cannot run here: $tool is missing (tools/install-deps system)" >&2; exit 2; }
+done
+
+cache=${VELM_CACHE_DIR:-/var/cache/velmmonitord-tests}
+work=$(mktemp -d "${TMPDIR:-/var/tmp}/velm-fresh.XXXXXX")
+releases=(bookworm trixie)
+jobs=()
+finish() {
+    local job
+    for job in ${jobs[@]+"${jobs[@]}"}; do
+        kill -- "-$job" 2>/dev/null || true
+    done
+    wait
+    rm -rf --one-file-system "$work"
+}
+trap finish EXIT
+trap 'exit 130' INT TERM
+
+# The tree as it is here, also what is not committed yet; git's own files, since ./check asks it for the sources.
+checkout() {
+    git -c safe.directory='*' clone --quiet --no-hardlinks "$sources" "$1"
+    git -c safe.directory='*' -C "$sources" ls-files -z --deduplicate |
+        (cd "$sources" && xargs -0 -I {} sh -c 'test ! -e "$1" || printf "%s\0" "$1"' sh {}) |
+        tar -C "$sources" --null --verbatim-files-from -T - -cf - | tar -C "$1" -xf -
+}
+
+# point RELEASE DESCRIPTION COMMAND...: runs the command and prints one line, and the end of its output if it failed.
+point() {
+    local release=$1 description=$2 log=$work/$1.log start=$SECONDS verdict=ok
+    shift 2
+    "$@" >"$log" 2>&1 </dev/null || verdict=FAILED
+    printf '%-6s %4d s  %-9s %s\n' "$verdict" $((SECONDS - start)) "$release" "$description"
+    [[ $verdict == ok ]] || { sed 's/^/       | /' "$log" | tail -n 60; return 1; }
+}
+
+# in_root RELEASE USER COMMAND...: in that user's checkout, with what a login gives.
+in_root() {
+    local release=$1 user=$2 home=/root path=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin options=()
+    shift 2
+    [[ $user == root ]] || home=/home/$user path=/usr/local/bin:/usr/bin:/bin
+    if [[ ${1-} == --plain ]]; then
+        options=(--plain)
+        shift
+    fi
+    # The two caches spare time alone. Both users' checkouts have the same objects in them, so they share.
+    "$here/enter.sh" "$work/$release" "${options[@]}" --bind "$cache/ccache" /var/cache/ccache \
+        --bind "$cache/archives-$release" /var/cache/apt/archives -- \
+        setpriv --reuid="$user" --regid="$user" --init-groups env -i --chdir="$home/velmmonitord" \
+        HOME="$home" USER="$user" LOGNAME="$user" PATH="$path" LANG=C.UTF-8 TERM=dumb CCACHE_DIR=/var/cache/ccache \
+        CCACHE_UMASK=000 CCACHE_BASEDIR="$home/velmmonitord" CCACHE_NOHASHDIR=1 CCACHE_MAXSIZE=2G "$@"
+}
+
+prepare() {
+    local release=$1 root=$work/$1 tarball user home
+    tarball=$("$here/base-root.sh" "$release" fresh)
+    mkdir "$root"
+    tar -C "$root" -xf "$tarball"
+    rm -f "$root/usr/sbin/policy-rc.d"
+    cp --dereference /etc/resolv.conf "$root/etc/resolv.conf"
+    chroot "$root" useradd --create-home --shell /bin/bash newcomer
+    echo 'newcomer ALL=(ALL) NOPASSWD: ALL' >"$root/etc/sudoers.d/newcomer"
+    for user in root newcomer; do
+        home=$root/$(chroot "$root" getent passwd "$user" | cut -d : -f 6)
+        checkout "$home/velmmonitord"
+        chroot "$root" chown -R "$user:$user" "${home#"$root"}/velmmonitord"
+    done
+}
+
+says_what_is_missing() {
+    local text
+    ! text=$(in_root "$1" root --plain ./run 2>&1) || { echo "it worked, in a root that is no mount point"; return 1; }
+    [[ $text == *"the root directory is no mount point"* ]] || { echo "$text"; return 1; }
+}
+
+# try RELEASE FIRST SECOND: everything of one release; FIRST and SECOND are its users.
+try() {
+    local release=$1 first=$2 second=$3 failed=0
+    point "$release" "a new system" prepare "$release" || return
+    point "$release" "./run as $first, on the new system" in_root "$release" "$first" ./run || failed=1
+    point "$release" "./check as $first" in_root "$release" "$first" ./check || failed=1
+    point "$release" "./run as $second" in_root "$release" "$second" ./run || failed=1
+    [[ $everything == no ]] ||
+        point "$release" "./check as $second" in_root "$release" "$second" ./check || failed=1
+    point "$release" "./run says what is missing in a root that is no mount point" says_what_is_missing "$release" ||
+        failed=1
+    return $failed
+}
+
+mkdir -p "$cache/ccache"
+chmod 1777 "$cache/ccache"
+for release in "${releases[@]}"; do
+    mkdir -p "$cache/archives-$release/partial"
+    users=(root newcomer)
+    [[ $release == bookworm ]] || users=(newcomer root)
+    # A process group of its own, so that it can be ended with all that it started.
+    set -m
+    try "$release" "${users[@]}" &
+    set +m
+    jobs+=($!)
+done
+failed=0
+for job in "${jobs[@]}"; do
+    wait "$job" || failed=1
+done
+jobs=()
+exit $failed
