@@ -9,9 +9,11 @@ set(CPACK_DEBIAN_AGENT_PACKAGE_NAME velmmonitord)
 set(CPACK_DEBIAN_AGENT_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_AGENT_DESCRIPTION "${velm_agent_summary}\n${velm_agent_text}")
 set(CPACK_DEBIAN_AGENT_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS "default-dbus-system-bus | dbus-system-bus")
-# What starts the agent at login, and the session bus of desktops that tell of a lock only there.
-set(CPACK_DEBIAN_AGENT_PACKAGE_RECOMMENDS "libpam-systemd, dbus-user-session")
+# Without libpam-systemd no login starts a user's service manager, and with it the agent.
+set(CPACK_DEBIAN_AGENT_PACKAGE_DEPENDS
+    "default-dbus-system-bus | dbus-system-bus, libpam-systemd, systemd (>= 252)")
+# The session bus of desktops that tell of a lock only there.
+set(CPACK_DEBIAN_AGENT_PACKAGE_RECOMMENDS "dbus-user-session")
 set(CPACK_DEBIAN_AGENT_PACKAGE_CONTROL_EXTRA
     "${velm_deb_scripts}/velmmonitord/postinst"
     "${velm_deb_scripts}/velmmonitord/prerm"

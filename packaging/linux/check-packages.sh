@@ -149,7 +149,7 @@ installs_elsewhere() {
 
 scripts_parse() {
     local script
-    for script in "$here"/debian/*/{postinst,prerm,postrm} "$here"/rpm/*; do
+    for script in "$here"/debian/*/{postinst,prerm,postrm} "$here"/rpm/* "$here"/libexec/*; do
         sh -n "$script" || return
     done
 }
