@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/linux/process/OutHandle.h"
+#include "platform/linux/runloop/DeafLoop.h"
 #include "platform/linux/runloop/EventHandles.h"
 #include "platform/linux/runloop/PrivateThreads.h"
 
@@ -79,6 +80,7 @@ void MainRunLoop::post(std::function<void()> task) {
 void MainRunLoop::runUntilAskedToEnd() {
     Loop loop;
     if (!loop.open(m_wakeUp.get(), &MainRunLoop::tasksPosted, this)) {
+        tellThatLoopIsDeaf();
         waitForEndingSignal();
         return;
     }

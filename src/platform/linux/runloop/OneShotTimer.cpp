@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/linux/process/OutHandle.h"
+#include "platform/linux/runloop/DeafLoop.h"
 
 namespace platform {
 namespace {
@@ -20,8 +21,10 @@ OneShotTimer::OneShotTimer(sd_event* loop, std::function<void()> callback)
 void OneShotTimer::start(std::chrono::milliseconds delay) {
     const auto microseconds = static_cast<std::uint64_t>(std::chrono::microseconds(delay).count());
     m_source.reset();
-    sd_event_add_time_relative(m_loop, OutHandle(m_source), CLOCK_MONOTONIC, microseconds,
-                               accuracyInMicroseconds, &OneShotTimer::elapsed, this);
+    if (sd_event_add_time_relative(m_loop, OutHandle(m_source), CLOCK_MONOTONIC, microseconds,
+                                   accuracyInMicroseconds, &OneShotTimer::elapsed, this) < 0) {
+        tellThatLoopIsDeaf();
+    }
 }
 
 void OneShotTimer::stop() {

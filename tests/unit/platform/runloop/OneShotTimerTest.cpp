@@ -1,6 +1,14 @@
 #include "platform/linux/runloop/OneShotTimer.h"
 
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include <sched.h>
+#include <chrono>
+
 #include "platform/linux/runloop/Backoff.h"
+#include "unit/platform/process/ChildProcess.h"
 #include "unit/platform/runloop/LoopFixture.h"
 
 namespace {
@@ -64,6 +72,34 @@ TEST(Backoff, DoublesUpToTheLongestAndStartsOver) {
     EXPECT_EQ(backoff.next(), milliseconds(5000));
     backoff.reset();
     EXPECT_EQ(backoff.next(), milliseconds(1000));
+}
+
+/// A /dev without a system log, so that its lines go to the standard error. False where that takes root.
+bool hideSystemLog() {
+    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", "/dev", "tmpfs", 0, nullptr) == 0;
+}
+
+TEST_F(OneShotTimerTest, SaysOnceInTheSystemLogThatItGetsNoTimer) {
+    constexpr int notHere = 77;
+    const ChildResult result = runInChild([this] {
+        if (!hideSystemLog()) {
+            return notHere;
+        }
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_NOFILE, &none);
+        m_timer.start(milliseconds(1));
+        m_timer.start(milliseconds(1));
+        return 0;
+    });
+    if (result.returned(notHere)) {
+        GTEST_SKIP() << "needs root for a private /dev";
+    }
+    EXPECT_TRUE(result.returned(0)) << result.status;
+    EXPECT_EQ(
+        result.errorOutput,
+        "[ERROR] No descriptors or timers left for the event loop; screen locks and time zone changes may "
+        "be missed\n");
 }
 
 }  // namespace
