@@ -14,9 +14,10 @@ cache=${VELM_CACHE_DIR:-/var/cache/velmmonitord-tests}
 case $kind in
     fresh) packages=(sudo) ;;
     # Beside a minimal system with login sessions: the other message bus, a screen locker that tells logind, and an
-    # X server and a typist for it.
+    # X server and a typist for it, and what a screen saver on the session bus is played with.
     booted) packages=(systemd systemd-sysv libpam-systemd dbus dbus-user-session dbus-broker tzdata libstdc++6
-        libsystemd0 login util-linux xss-lock i3lock xvfb xdotool) ;;
+        libsystemd0 login util-linux xss-lock i3lock xvfb xdotool
+        python3-dbus python3-gi) ;;
     *) echo "base-root: no kind '$kind' (fresh, booted)" >&2; exit 2 ;;
 esac
 

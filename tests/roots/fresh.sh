@@ -29,7 +29,12 @@ jobs=()
 finish() {
     local job
     for job in ${jobs[@]+"${jobs[@]}"}; do
-        kill -- "-$job" 2>/dev/null || true
+        kill -TERM -- "-$job" 2>/dev/null || true
+    done
+    # Not all that is waited for heeds that one.
+    ((${#jobs[@]} == 0)) || sleep 2
+    for job in ${jobs[@]+"${jobs[@]}"}; do
+        kill -KILL -- "-$job" 2>/dev/null || true
     done
     wait
     rm -rf --one-file-system "$work"

@@ -8,9 +8,12 @@ import sys
 
 import points_bus
 import points_events
+import points_idle
 import points_link
 import points_packages
+import points_savers
 import points_trouble
+import points_users
 from container import Container
 from report import Report
 from world import World
@@ -19,7 +22,10 @@ from world import World
 def with_dbus_daemon(report, world):
     report.check("the system boots, with dbus-daemon", points_bus.boot_with_dbus_daemon, world)
     points_packages.install_points(report, world)
+    points_users.points(report, world)
     points_link.points(report, world)
+    points_idle.points(report, world)
+    points_savers.points(report, world)
     points_events.points(report, world)
     points_bus.points(report, world)
     points_trouble.points(report, world)
@@ -39,18 +45,20 @@ def main():
     parser.add_argument("--root", type=pathlib.Path, required=True)
     parser.add_argument("--packages", type=pathlib.Path, required=True)
     parser.add_argument("--previous", type=pathlib.Path, required=True)
+    parser.add_argument("--one-bus", action="store_true", help="leave out what is shown again with dbus-broker")
     arguments = parser.parse_args()
 
     # So that the container is stopped then, too.
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit(1))
 
-    report = Report()
     container = Container(arguments.root)
+    world = World(container, arguments.packages, arguments.previous)
+    report = Report(world.restore)
     try:
-        world = World(container, arguments.packages, arguments.previous)
         with_dbus_daemon(report, world)
-        with_dbus_broker(report, world)
+        if not arguments.one_bus:
+            with_dbus_broker(report, world)
     finally:
         container.stop()
     return 0 if report.close() else 1

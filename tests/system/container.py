@@ -42,7 +42,7 @@ class Container:
     def boot(self):
         # The screen locker keeps the password that is typed in locked memory.
         command = ["systemd-nspawn", "--quiet", f"--directory={self.root}", "--boot", "--private-network",
-                   "--register=no", "--keep-unit", "--console=pipe", "--machine=velmtest",
+                   "--register=no", "--keep-unit", "--console=pipe", f"--machine=velmtest-{os.getpid()}",
                    "--system-call-filter=@memlock"]
         with open(self.console, "ab") as console:
             self._nspawn = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=console, stderr=console,
@@ -75,13 +75,20 @@ class Container:
         self._nspawn.wait()
         self._nspawn = self._leader = None
 
-    def run(self, *command, user=None, env=None, check=True, cap=120):
-        """Runs a command in the container and returns its standard output and error as one text."""
+    def _inside(self, command, user, env):
         inside = ["env", "-i", *(f"{k}={v}" for k, v in {**ENVIRONMENT, **(env or {})}.items()), *command]
         if user is not None:
             inside = ["setpriv", f"--reuid={user.uid}", f"--regid={user.uid}", "--init-groups", *inside]
-        enter = ["nsenter", "-t", str(self._leader), "-m", "-p", "-u", "-i", "-n", "-C", "-r", "-w", "--"]
-        done = subprocess.run(enter + inside, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        return ["nsenter", "-t", str(self._leader), "-m", "-p", "-u", "-i", "-n", "-C", "-r", "-w", "--", *inside]
+
+    def open(self, *command, user=None, env=None):
+        """Starts a command in the container, to talk with over pipes of text lines."""
+        return subprocess.Popen(self._inside(command, user, env), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                stderr=subprocess.STDOUT, text=True)
+
+    def run(self, *command, user=None, env=None, check=True, cap=120):
+        """Runs a command in the container and returns its standard output and error as one text."""
+        done = subprocess.run(self._inside(command, user, env), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=cap, check=False)
         text = done.stdout.decode(errors="replace")
         if check and done.returncode != 0:

@@ -1,5 +1,7 @@
 """Full logs, full disks, homes that cannot be written."""
 
+import datetime
+
 from container import wait_until
 from users import UNIT, User
 
@@ -9,7 +11,7 @@ FAILURE = "[ERROR] Failed to create or open log file at path = "
 
 def points(report, world):
     report.check("an agent that crashed is started again, and links again", crash, world)
-    report.check("a full log becomes a backup with the same owner and mode", rotation, world)
+    report.check("full logs become three backups, the oldest goes, with the same owner and mode", rotation, world)
     report.check("a home that cannot be written: one line in the system log, and the agent works", read_only_home,
                  world)
     report.check("a full disk at start: the agent works without its log", full_disk, world)
@@ -17,28 +19,48 @@ def points(report, world):
 
 
 def crash(world):
-    pid, mark = world.bob.agent_pid(), world.bob.log_mark()
+    pid, mark = world.bob.wait_for_agent(), world.bob.log_mark()
+    crashed = now_in_the_log(world.bob)
     world.bob.systemctl("kill", "--kill-whom=main", "--signal=SEGV", UNIT)
-    world.bob.wait_for_agent(other_than=pid)
+    world.bob.wait_for_agent(other_than=pid, cap=60)
     world.bob.wait_for_messages(mark, "velmmonitord started", "Monitor launcher: connected came")
+    seconds = (world.bob.stamps("velmmonitord started", mark)[0] - crashed).total_seconds()
+    assert 5 <= seconds < 20, f"started again after {seconds} s"
+    assert not world.container.run("sh", "-c", "ls /var/lib/systemd/coredump /home/bob/core* 2>/dev/null || true").strip()
+    return f"after {seconds:.1f} s"
+
+
+def now_in_the_log(user):
+    """The present time as the user's log would give it."""
+    zone = user.container.run("date", "+%Y/%m/%d %H:%M:%S:%3N").strip()
+    return datetime.datetime.strptime(zone, "%Y/%m/%d %H:%M:%S:%f")
+
+
+def rotate(user, filler):
+    """Lets the user's log grow over its size; returns what it was."""
+    user.systemctl("stop", UNIT)
+    line = filler * 99 + b"\n"
+    with open(user.log_path(), "ab") as log:
+        while log.tell() <= ROTATION_SIZE - len(line):
+            log.write(line)
+    full = user.log_path().read_bytes()
+    user.systemctl("start", UNIT)
+    backup = user.log_path("1")
+    # It exists, empty, before the log is copied into it.
+    wait_until(lambda: backup.exists() and backup.stat().st_size >= len(full) and backup.read_bytes().startswith(full),
+               "the backup was made")
+    user.wait_for_messages(0, "Monitor launcher: connected came")
+    return full
 
 
 def rotation(world):
     alice = world.alice
-    alice.systemctl("stop", UNIT)
-    filler = b"x" * 99 + b"\n"
-    with open(alice.log_path(), "ab") as log:
-        while log.tell() <= ROTATION_SIZE - len(filler):
-            log.write(filler)
-    full = alice.log_path().read_bytes()
-    alice.systemctl("start", UNIT)
-    backup = alice.log_path("1")
-    # It exists, empty, before the log is copied into it.
-    wait_until(lambda: backup.exists() and backup.stat().st_size >= len(full), "the backup was made")
-    alice.wait_for_messages(0, "Monitor launcher: connected came")
-    assert backup.read_bytes().startswith(full), "the backup is not what the log was"
+    texts = [rotate(alice, filler) for filler in (b"1", b"2", b"3", b"4")]
+    for backup, text in zip(("1", "2", "3"), reversed(texts)):
+        assert alice.log_path(backup).read_bytes().startswith(text), f"backup {backup} is not what the log was"
+    assert not alice.log_path("4").exists(), "a fourth backup"
     assert alice.log_path().stat().st_size < 100000
-    for path in (alice.log_path(), backup):
+    for path in (alice.log_path(), *(alice.log_path(backup) for backup in ("1", "2", "3"))):
         assert alice.ownership(path) == f"{alice.uid}:{alice.uid} 0600", (path, alice.ownership(path))
 
 
@@ -50,14 +72,14 @@ def linked_quietly(world, user, since):
 
 
 def read_only_home(world):
-    carol = User(world.container, "carol")
-    world.container.run("chown", "root:root", "/home/carol")
+    frank = User(world.container, "frank")
+    world.container.run("chown", "root:root", "/home/frank")
     since = world.daemon.mark()
-    session = carol.log_in()
-    linked_quietly(world, carol, since)
-    assert not carol.log_path().exists()
-    lines = [line for line in world.container.journal("--identifier=velmmonitord") if "carol" in line]
-    assert lines == [FAILURE + "/home/carol/Library/Logs/velmmonitord.log"], lines
+    session = frank.log_in()
+    linked_quietly(world, frank, since)
+    assert not frank.log_path().exists()
+    lines = [line for line in world.container.journal("--identifier=velmmonitord") if "frank" in line]
+    assert lines == [FAILURE + "/home/frank/Library/Logs/velmmonitord.log"], lines
     session.logout()
 
 

@@ -9,7 +9,9 @@ FAILURES_TO_GIVE_UP_AFTER = 10
 
 
 class Report:
-    def __init__(self):
+    def __init__(self, restore=None):
+        """`restore` is called after a point that failed, so that the next one counts for what it is."""
+        self._restore = restore or (lambda: None)
         self._began = time.monotonic()
         self.shown = 0
         self.failed = 0
@@ -36,6 +38,13 @@ class Report:
         if verdict == "FAILED":
             for line in failure.rstrip().splitlines():
                 print(f"       | {line}", flush=True)
+            self._put_back()
+
+    def _put_back(self):
+        try:
+            self._restore()
+        except Exception as error:  # the next points say what that costs them
+            print(f"       | not put back: {error}", flush=True)
 
     def close(self):
         """Prints the verdict; true if every point was shown."""

@@ -1,5 +1,6 @@
 """Users of the booted system: their sessions, their agent and its log."""
 
+import datetime
 import json
 import re
 import stat
@@ -8,6 +9,9 @@ from container import wait_until
 
 UNIT = "velmmonitord.service"
 LOG = "Library/Logs/velmmonitord.log"
+STARTED = "velmmonitord started"
+CONNECTED = "Monitor launcher: connected came"
+DISCONNECTED = "Monitor launcher: disconnected came"
 AGENT_INTERFACE = "com.brovik.XpcAgentProtocol"
 AGENT_PATH = "/com/brovik/velmmonitord"
 LINE = re.compile(r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d:\d{3} \[[A-Z ]+\] +(.*)$")
@@ -34,10 +38,10 @@ class Session:
         return self.user.container.run("loginctl", "show-session", self.number, f"--property={name}",
                                        "--value").strip()
 
-    def set_locked_hint(self, locked):
+    def set_locked_hint(self, locked, check=True):
         """Does what a desktop does when it has locked or unlocked the screen."""
         self.user.run("busctl", "call", "org.freedesktop.login1", self.path, "org.freedesktop.login1.Session",
-                      "SetLockedHint", "b", "true" if locked else "false")
+                      "SetLockedHint", "b", "true" if locked else "false", check=check)
 
     def logout(self):
         self.user.container.run("systemctl", "stop", self.unit, check=False)
@@ -57,8 +61,10 @@ class User:
     # Sessions
 
     def session_numbers(self):
-        sessions = json.loads(self.container.run("loginctl", "--output=json", "list-sessions"))
-        return {s["session"] for s in sessions if s["uid"] == self.uid}
+        # Not from loginctl, which prints something else in each version.
+        answer = self.container.run("busctl", "call", "--json=short", "org.freedesktop.login1",
+                                    "/org/freedesktop/login1", "org.freedesktop.login1.Manager", "ListSessions")
+        return {number for number, uid, *_ in json.loads(answer)["data"][0] if uid == self.uid}
 
     def _log_in(self, *command, **options):
         before = self.session_numbers()
@@ -68,8 +74,10 @@ class User:
 
         def new_session():
             for number in self.session_numbers() - before:
-                if self.container.run("loginctl", "show-session", number, "--property=Class",
-                                      "--value", check=False).strip() == "user":
+                kind = self.container.run("loginctl", "show-session", number, "--property=Class", "--value",
+                                          check=False).strip()
+                # Not the manager's own session; that of an account of the system may be a lighter one.
+                if kind.startswith(("user", "background")):
                     return number
             return None
 
@@ -78,7 +86,7 @@ class User:
     def log_in(self):
         """At a terminal, with login(1)."""
         return self._log_in("/bin/sh", "-c",
-                            f"sleep infinity | script --quiet --flush --command 'login -f {self.name}' /dev/null")
+                            f"sleep infinity | script --quiet --flush --command 'exec login -f {self.name}' /dev/null")
 
     def log_in_graphically(self, display, program):
         """As a display manager does; `program` is the session."""
@@ -87,12 +95,15 @@ class User:
 
     # Commands
 
-    def run(self, *command, check=True, env=None):
-        """Runs a command as this user, with this user's service manager and session bus in reach."""
+    def environment(self):
+        """What leads a program to this user's service manager and session bus."""
         runtime = f"/run/user/{self.uid}"
-        return self.container.run(*command, user=self, check=check, env={
-            "HOME": f"/home/{self.name}", "USER": self.name, "XDG_RUNTIME_DIR": runtime,
-            "DBUS_SESSION_BUS_ADDRESS": f"unix:path={runtime}/bus", **(env or {})})
+        return {"HOME": f"/home/{self.name}", "USER": self.name, "XDG_RUNTIME_DIR": runtime,
+                "DBUS_SESSION_BUS_ADDRESS": f"unix:path={runtime}/bus"}
+
+    def run(self, *command, check=True, env=None):
+        """Runs a command as this user."""
+        return self.container.run(*command, user=self, check=check, env={**self.environment(), **(env or {})})
 
     def systemctl(self, *arguments, check=True):
         return self.run("systemctl", "--user", *arguments, check=check)
@@ -136,6 +147,19 @@ class User:
 
     def messages(self, mark=0):
         return [message_of(line) for line in self.log_lines(mark)]
+
+    def stamps(self, message, mark=0):
+        """When, by the log's own clock, a message was written."""
+        return [datetime.datetime.strptime(line[:23], "%Y/%m/%d %H:%M:%S:%f")
+                for line in self.log_lines(mark) if message_of(line) == message]
+
+    def wait_until_linked(self, cap=30):
+        """Until the log's last word about the link is that there is one."""
+        def linked():
+            words = [m for m in self.messages() if m in (CONNECTED, DISCONNECTED, STARTED)]
+            return words and words[-1] == CONNECTED
+
+        wait_until(linked, f"{self.name}'s agent is linked", cap)
 
     def wait_for_messages(self, mark, *wanted, cap=30):
         """Waits until the log has these messages in this order after `mark`, others between them allowed."""

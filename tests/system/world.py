@@ -1,9 +1,10 @@
 """What the points share: the container, its users, the daemon and the packages."""
 
+import pathlib
 import shutil
 
 from daemon import Daemon
-from users import User
+from users import UNIT, User
 
 INSIDE = "/var/cache/velmtest"
 
@@ -13,12 +14,32 @@ class World:
         self.container = container
         self.daemon = Daemon(container)
         self._packages = {"current": packages, "previous": previous}
-        self.alice = self.bob = None
-        self.alices_session = self.bobs_session = None
+        self.here = pathlib.Path(__file__).resolve().parent
+        self.alice = self.bob = self.carol = None
+        self.alices_session = self.bobs_session = self.carols_session = None
 
     def add_users(self):
         self.alice = User(self.container, "alice")
         self.bob = User(self.container, "bob")
+        self.carol = User(self.container, "carol")
+
+    @property
+    def users(self):
+        """Those who are logged in for most of the test."""
+        return (self.alice, self.bob, self.carol)
+
+    def restore(self):
+        """After a point that failed: what the others rest on, as far as it can be put back."""
+        run = self.container.run
+        run("systemctl", "--global", "enable", UNIT, check=False)
+        run("timedatectl", "set-timezone", "UTC", check=False)
+        for user, session in zip(self.users, (self.alices_session, self.bobs_session, self.carols_session)):
+            if session is None:
+                continue
+            run("systemctl", "kill", "--signal=CONT", "--kill-whom=main", f"user@{user.uid}.service", check=False)
+            user.systemctl("unmask", UNIT, check=False)
+            user.systemctl("start", "dbus.socket", UNIT, check=False)
+            session.set_locked_hint(False, check=False)
 
     def package_files(self, which):
         """The packages' paths in the container, put there at the first call."""

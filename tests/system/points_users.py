@@ -1,0 +1,148 @@
+"""Packages and many users: what one user's manager does decides over nobody else.
+
+Every user gets the odd state once, so that it is met first, in the middle and last."""
+
+import time
+
+from container import wait_until
+from users import UNIT
+
+PLACES = ("first", "in the middle", "last")
+# Each user has 10 s; the rest is apt's own work on a busy machine.
+UPGRADE_CAP = 45
+
+
+def points(report, world):
+    for place, user in zip(PLACES, world.users):
+        report.check(f"an upgrade with one user's agent masked ({place}) renews the others'", masked, world, user)
+        report.check(f"an upgrade with one user's manager hung ({place}) renews the others'", hung, world, user)
+    report.check("an upgrade with one user's unit broken renews the others', and names that user", broken, world)
+    report.check("an upgrade without session buses renews every agent", without_session_buses, world)
+    report.check("disabled for all users: an upgrade starts no agent, and renews those that run", disabled, world)
+
+
+def reinstall(world):
+    """Installs the present version again, as an upgrade does; returns what it said."""
+    began = time.monotonic()
+    text = world.container.run("apt-get", "--quiet", "--yes", "install", "--reinstall",
+                               *world.package_files("current"), env={"DEBIAN_FRONTEND": "noninteractive"})
+    took = time.monotonic() - began
+    assert took < UPGRADE_CAP, f"one user held everybody up: {took:.0f} s"
+    status = world.container.run("dpkg-query", "--show", "--showformat=${Status}", "velmmonitord")
+    assert status == "install ok installed", status
+    return text
+
+
+def others(world, odd):
+    return [user for user in world.users if user is not odd]
+
+
+def pids(users):
+    return {user: user.wait_for_agent() for user in users}
+
+
+def all_renewed(before):
+    for user, pid in before.items():
+        user.wait_for_agent(other_than=pid)
+
+
+def masked(world, odd):
+    odd.systemctl("mask", "--now", UNIT)
+    try:
+        before = pids(others(world, odd))
+        text = reinstall(world)
+        all_renewed(before)
+        assert odd.agent_pid() == 0, "a masked agent runs"
+        assert "velmmonitord: " not in text, text
+    finally:
+        # As the pages say to get it back.
+        odd.systemctl("unmask", UNIT)
+        odd.systemctl("start", UNIT)
+
+
+class Hung:
+    """A user's service manager that answers nobody."""
+
+    def __init__(self, user):
+        self._user = user
+
+    def _signal(self, name):
+        self._user.container.run("systemctl", "kill", f"--signal={name}", "--kill-whom=main",
+                                 f"user@{self._user.uid}.service")
+
+    def __enter__(self):
+        self._signal("STOP")
+
+    def __exit__(self, *_):
+        self._signal("CONT")
+
+
+def hung(world, odd):
+    before = pids(others(world, odd))
+    pid = odd.wait_for_agent()
+    with Hung(odd):
+        text = reinstall(world)
+        all_renewed(before)
+    lines = [line for line in text.splitlines() if line.startswith("velmmonitord: ")]
+    assert len(lines) == 1 and f"agent of {odd.name}: no answer" in lines[0] and "next login" in lines[0], text
+    odd.wait_for_agent()
+    return "its own goes on" if odd.agent_pid() == pid else "its own was renewed when it answered again"
+
+
+def broken(world):
+    odd = world.bob
+    drop_in = f"/home/{odd.name}/.config/systemd/user/{UNIT}.d"
+    odd.run("mkdir", "-p", drop_in)
+    odd.run("sh", "-c", f"printf '[Service]\\nExecStart=\\nExecStart=/nonexistent\\n' >{drop_in}/broken.conf")
+    try:
+        before = pids(others(world, odd))
+        text = reinstall(world)
+        all_renewed(before)
+        assert f"agent of {odd.name}: the user's service manager refused" in text, text
+    finally:
+        odd.run("rm", "-r", drop_in)
+        odd.systemctl("daemon-reload")
+        odd.systemctl("restart", UNIT)
+    odd.wait_for_agent()
+
+
+def stop_session_bus(user):
+    """As on a system without dbus-user-session: only the manager's private socket is left."""
+    user.systemctl("stop", "dbus.socket", "dbus.service", "dbus-broker.service", check=False)
+    wait_until(lambda: not user.container.succeeds("test", "-S", f"/run/user/{user.uid}/bus"), "no session bus")
+
+
+def start_session_bus(user):
+    user.systemctl("start", "dbus.socket", check=False)
+
+
+def without_session_buses(world):
+    before = pids(world.users)
+    for user in world.users:
+        stop_session_bus(user)
+    try:
+        text = reinstall(world)
+        all_renewed(before)
+        assert "velmmonitord: " not in text, text
+    finally:
+        for user in world.users:
+            start_session_bus(user)
+
+
+def disabled(world):
+    world.container.run("systemctl", "--global", "disable", UNIT)
+    stopped = world.carol
+    try:
+        # Running agents go on: each is stopped by its user, or with them all by the helper.
+        running = pids(others(world, stopped))
+        stopped.systemctl("stop", UNIT)
+        reinstall(world)
+        state = world.container.run("systemctl", "--global", "is-enabled", UNIT, check=False).strip()
+        assert state == "disabled", state
+        all_renewed(running)
+        assert stopped.agent_pid() == 0, "an agent that is not enabled was started"
+    finally:
+        # The documented way back.
+        world.container.run("systemctl", "--global", "enable", UNIT)
+        world.container.run("/usr/libexec/velmmonitord/user-agents", "refresh")
+    stopped.wait_for_agent()
