@@ -105,6 +105,9 @@ class User:
         """Runs a command as this user."""
         return self.container.run(*command, user=self, check=check, env={**self.environment(), **(env or {})})
 
+    def succeeds(self, *command):
+        return self.container.succeeds(*command, user=self, env=self.environment())
+
     def systemctl(self, *arguments, check=True):
         return self.run("systemctl", "--user", *arguments, check=check)
 
