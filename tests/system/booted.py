@@ -11,6 +11,7 @@ import points_events
 import points_idle
 import points_link
 import points_packages
+import points_pages
 import points_savers
 import points_trouble
 import points_users
@@ -23,6 +24,7 @@ def with_dbus_daemon(report, world):
     report.check("the system boots, with dbus-daemon", points_bus.boot_with_dbus_daemon, world)
     points_packages.install_points(report, world)
     points_users.points(report, world)
+    points_pages.points(report, world)
     points_link.points(report, world)
     points_idle.points(report, world)
     points_savers.points(report, world)
