@@ -27,6 +27,8 @@ class Trial:
     def __init__(self, copy, jobs):
         self._copy = copy
         self._jobs = str(jobs)
+        # Most tests wait for something most of the time.
+        self._test_jobs = str(4 * jobs)
         self._log = copy.place.parent / "last.log"
 
     def _run(self, command, **options):
@@ -40,7 +42,7 @@ class Trial:
     def _test(self, expression, *options):
         """What ctest ran, as a dictionary from the test's name to whether it passed."""
         with tempfile.NamedTemporaryFile(suffix=".xml") as report:
-            self._run(["ctest", "--preset", "debug", "-R", expression, "-j", self._jobs, *options,
+            self._run(["ctest", "--preset", "debug", "-R", expression, "-j", self._test_jobs, *options,
                        "--output-junit", report.name])
             text = Path(report.name).read_bytes()
         cases = ElementTree.fromstring(text).iter("testcase") if text else []

@@ -8,7 +8,6 @@ plain_steps() {
     step build          "builds with g++, warnings are errors" build debug || return
     step test           "unit and link tests" run_tests debug -L 'unit|link'
     step macos          "macOS sources compile; metadata equals the protocol table" tests/macos/check.sh build/macos
-    step mutants        "each seeded mistake still applies to the tree" tests/mutants/run --lint
     step examples       "the examples run" examples/check.sh build/debug
     step daemons        "each example daemon with the real agent" examples/daemon/check.sh build/debug
     step docs           "tables, pictures and the house are as the sources say" tools/make-docs --check build/debug
