@@ -21,6 +21,18 @@ class Verdict(enum.Enum):
     UNFIT = "TEST UNFIT"
 
 
+def _unions(expressions):
+    """Few expressions that match what all of these match. CMake's have room for 31 pairs of brackets."""
+    union = ""
+    for expression in expressions:
+        if union and (len(union) > 2000 or (union + expression).count("(") > 30):
+            yield union
+            union = ""
+        union += f"{'|' if union else ''}{expression}"
+    if union:
+        yield union
+
+
 class Trial:
     """Builds and tests in a copy, whose log of the last build or test is in `build/mutants/last.log`."""
 
@@ -67,8 +79,9 @@ class Trial:
         if not configured or (targets and not self._build(targets)):
             tail = "\n".join(self._log.read_text(errors="replace").splitlines()[-30:])
             raise SystemExit(f"mutants: the tree itself does not build:\n{tail}")
-        expressions = {mutant.test for mutant in mutants if mutant.test}
-        tests = self._test("|".join(f"({expression})" for expression in sorted(expressions))) if expressions else {}
+        tests = {}
+        for expression in _unions(sorted({mutant.test for mutant in mutants if mutant.test})):
+            tests.update(self._test(expression))
         commands = {command: self._command(command) for command in
                     sorted({mutant.command for mutant in mutants if mutant.command})}
         unfit = {mutant: self._unfitness(mutant, tests, commands) for mutant in mutants}
