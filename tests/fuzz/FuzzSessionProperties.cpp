@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "Must.h"
 #include "RawMessage.h"
@@ -15,16 +16,21 @@ namespace {
 
 using platform::SessionProperties;
 
+auto everythingOf(const SessionProperties& properties) {
+    return std::tie(properties.user, properties.kind, properties.state, properties.type, properties.seat,
+                    properties.lockedHint);
+}
+
 void readRawBytes(FuzzedDataProvider& input) {
     const std::string signature = input.PickValueInArray({"a{sv}", "as", "sa{sv}as", "a{ss}", "v", ""});
     RawMessage::call("PropertiesChanged", signature, input.ConsumeRemainingBytesAsString())
         .deliver([](sd_bus_message* message) {
             platform::readSessionProperties(message);
-            platform::listsLockedHint(message);
+            platform::listsWhatMatters(message);
             sd_bus_message_rewind(message, 1);
             sd_bus_message_skip(message, "s");
             platform::readSessionProperties(message);
-            platform::listsLockedHint(message);
+            platform::listsWhatMatters(message);
         });
 }
 
@@ -36,27 +42,37 @@ public:
 
     // One more property, of those that matter and of those that do not; of the right type as a rule.
     void add(FuzzedDataProvider& input) {
-        switch (input.ConsumeIntegralInRange(0, 5)) {
+        switch (input.ConsumeIntegralInRange(0, 8)) {
             case 0:
                 expected.user = input.ConsumeIntegral<std::uint32_t>();
                 append("User", "(uo)", *expected.user, "/org/freedesktop/login1/user/_1000");
                 break;
             case 1:
-                expected.kind = text(input);
-                append("Class", "s", expected.kind->c_str());
+                addText("Class", expected.kind, input);
                 break;
             case 2:
+                addText("State", expected.state, input);
+                break;
+            case 3:
+                addText("Type", expected.type, input);
+                break;
+            case 4:
+                expected.seat = text(input);
+                append("Seat", "(so)", expected.seat->c_str(), "/org/freedesktop/login1/seat/seat0");
+                break;
+            case 5:
                 expected.lockedHint = input.ConsumeBool();
                 append("LockedHint", "b", static_cast<int>(*expected.lockedHint));
                 break;
-            case 3:
+            case 6:
                 append(text(input).c_str(), "as", 2, "one", "two");
                 break;
-            case 4:
+            case 7:
                 append("Display", "s", text(input).c_str());
                 break;
             default:
-                append(input.PickValueInArray({"User", "Class", "LockedHint"}), "t", std::uint64_t{1});
+                append(input.PickValueInArray({"User", "Class", "State", "Type", "Seat", "LockedHint"}), "t",
+                       std::uint64_t{1});
                 broken = true;
         }
     }
@@ -77,6 +93,11 @@ private:
             text.push_back(static_cast<char>('a' + static_cast<unsigned char>(byte) % 26));
         }
         return text;
+    }
+
+    void addText(const char* name, std::optional<std::string>& value, FuzzedDataProvider& input) {
+        value = text(input);
+        append(name, "s", value->c_str());
     }
 
     template <typename... Values>
@@ -104,9 +125,7 @@ void readWhatWasMade(FuzzedDataProvider& input) {
         must(found.has_value() == !dictionary.broken,
              "a dictionary is refused for a wrong type, and only then");
         if (found) {
-            must(found->user == dictionary.expected.user, "the user is found");
-            must(found->kind == dictionary.expected.kind, "the class is found");
-            must(found->lockedHint == dictionary.expected.lockedHint, "the hint is found");
+            must(everythingOf(*found) == everythingOf(dictionary.expected), "what was put in is found");
         }
     });
     must(delivered, "a message that is in order arrives");
