@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 
 #include <csignal>
+#include <ctime>
 #include <utility>
 
 #include "platform/linux/process/OutHandle.h"
@@ -38,14 +39,16 @@ private:
     SourceHandle m_wakeUp;
 };
 
-// The link and its log go on without a loop; only what the loop watches for is missing.
-void waitForEndingSignal() {
+// How long the link and its log go on without a loop, until the next attempt to have one: nothing that the
+// loop watches for is seen meanwhile. Less than the time in which an ending signal must have ended the loop.
+constexpr timespec untilNextLoop{1, 0};
+
+bool endingSignalComes(const timespec& within) {
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
     sigaddset(&ending, SIGINT);
-    int signal = 0;
-    sigwait(&ending, &signal);
+    return sigtimedwait(&ending, nullptr, &within) > 0;
 }
 
 }  // namespace
@@ -55,7 +58,7 @@ MainRunLoop& MainRunLoop::instance() {
     return *loop;
 }
 
-MainRunLoop::MainRunLoop() : m_wakeUp(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+MainRunLoop::MainRunLoop() = default;
 
 void MainRunLoop::setSources(MakeSources make) {
     m_makeSources = std::move(make);
@@ -78,14 +81,27 @@ void MainRunLoop::post(std::function<void()> task) {
 }
 
 void MainRunLoop::runUntilAskedToEnd() {
+    while (!runLoop() && !endingSignalComes(untilNextLoop)) {
+    }
+}
+
+bool MainRunLoop::runLoop() {
+    makeWakeUp();
     Loop loop;
     if (!loop.open(m_wakeUp.get(), &MainRunLoop::tasksPosted, this)) {
         tellThatLoopIsDeaf();
-        waitForEndingSignal();
-        return;
+        return false;
     }
     const std::shared_ptr<void> sources = m_makeSources ? m_makeSources(loop.get()) : nullptr;
-    sd_event_loop(loop.get());
+    return sd_event_loop(loop.get()) >= 0;
+}
+
+void MainRunLoop::makeWakeUp() {
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_wakeUp) {
+        // Counts what may have been posted already.
+        m_wakeUp = FileDescriptor(eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+    }
 }
 
 MainRunLoop::Tasks MainRunLoop::takeTasks() {

@@ -14,8 +14,9 @@ namespace platform {
 
 /// The main run loop: an sd-event loop that ends on SIGTERM or SIGINT, which prepareProcess() has blocked.
 ///
-/// Runs once in the life of the process. An exception that leaves a posted task ends the process, as there is
-/// nobody to catch it.
+/// Runs once in the life of the process. Where the system has no descriptors left for a loop, or the loop
+/// itself fails, it tries again each second, with new sources, and can still be ended. An exception that
+/// leaves a posted task ends the process, as there is nobody to catch it.
 class MainRunLoop final : public IRunLoop {
 public:
     /// Lives until the process ends.
@@ -41,14 +42,17 @@ private:
     MainRunLoop();
 
     void runUntilAskedToEnd();
+    /// False if the system gave no loop, or the loop failed: then nobody has asked it to end.
+    bool runLoop();
+    void makeWakeUp();
     Tasks takeTasks();
     void dropTasks();
     static int tasksPosted(sd_event_source* source, int descriptor, std::uint32_t events,
                            void* self) noexcept;
 
     MakeSources m_makeSources;
-    FileDescriptor m_wakeUp;
     std::mutex m_mutex;
+    FileDescriptor m_wakeUp;
     Tasks m_tasks;
     bool m_ended = false;
 };

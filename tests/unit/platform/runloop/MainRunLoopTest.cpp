@@ -1,7 +1,9 @@
 #include "platform/linux/runloop/MainRunLoop.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <systemd/sd-event.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -150,6 +152,49 @@ TEST(MainRunLoop, EndsOnSigtermWhereThereAreNoDescriptorsLeft) {
         endLoop();
         loop().run();
         return 7;
+    };
+    const ChildResult result = runAlone(body);
+    EXPECT_TRUE(result.returned(7)) << result.status << result.errorOutput;
+}
+
+TEST(MainRunLoop, ComesWhenThereAreDescriptorsAgain) {
+    const auto body = [] {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none{0, limit.rlim_max};
+        std::atomic<bool> loopRan{false};
+        loop().post([&loopRan] {
+            loopRan = true;
+            endLoop();
+        });
+        setrlimit(RLIMIT_NOFILE, &none);
+        std::thread relief([limit] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            setrlimit(RLIMIT_NOFILE, &limit);
+        });
+        loop().run();
+        relief.join();
+        return loopRan ? 7 : 1;
+    };
+    const ChildResult result = runAlone(body);
+    EXPECT_TRUE(result.returned(7)) << result.status << result.errorOutput;
+}
+
+TEST(MainRunLoop, StartsAnewWithNewSourcesWhenItFails) {
+    const auto body = [] {
+        int made = 0;
+        loop().setSources([&made](sd_event* event) {
+            if (++made == 1) {
+                // What the loop waits with is no descriptor any more.
+                const int other = open("/dev/null", O_RDONLY | O_CLOEXEC);
+                dup2(other, sd_event_get_fd(event));
+            } else {
+                endLoop();
+            }
+            return std::shared_ptr<void>();
+        });
+        loop().run();
+        return made == 2 ? 7 : 1;
     };
     const ChildResult result = runAlone(body);
     EXPECT_TRUE(result.returned(7)) << result.status << result.errorOutput;
