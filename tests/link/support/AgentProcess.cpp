@@ -119,6 +119,9 @@ AgentProcess::AgentProcess(const PrivateMachine& machine, const AgentOptions& op
                                                environmentOf(machine, options), [&] {
                                                    machine.enter(VELM_AGENT_PATH);
                                                    prepareStreams(machine, options.output);
+                                                   if (options.asRoot) {
+                                                       options.asRoot();
+                                                   }
                                                    becomeUser(options.user);
                                                });
 }

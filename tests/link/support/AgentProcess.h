@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -27,6 +28,8 @@ struct AgentOptions {
         Closed,      ///< nothing: the first file that the agent opens gets its number
         AllClosed,   ///< nothing, and no standard input or error either
     } output = Output::File;
+    /// Runs in the new process, still as root, last before it becomes the user; empty: nothing.
+    std::function<void()> asRoot;
     std::vector<std::string> environment;  ///< more variables, as NAME=value
 };
 
