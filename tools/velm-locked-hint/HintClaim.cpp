@@ -29,10 +29,16 @@ bool HintClaim::isInherited() const {
 }
 
 void HintClaim::markSet() const {
-    // Where it fails, a successor takes the hint for that of somebody else.
-    static_cast<void>(ftruncate(m_file.get(), 1));
+    setSize(1);
 }
 
 void HintClaim::markCleared() const {
-    static_cast<void>(ftruncate(m_file.get(), 0));
+    setSize(0);
+}
+
+void HintClaim::setSize(off_t size) const {
+    if (ftruncate(m_file.get(), size) != 0) {
+        // A successor takes the hint for that of somebody else then.
+        return;
+    }
 }

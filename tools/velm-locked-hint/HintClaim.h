@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "platform/linux/process/FileDescriptor.h"
@@ -20,6 +22,8 @@ public:
     void markCleared() const;
 
 private:
+    void setSize(off_t size) const;
+
     platform::FileDescriptor m_file;
     bool m_held = false;
 };
