@@ -45,8 +45,10 @@ class Container:
                    "--register=no", "--keep-unit", "--console=pipe", f"--machine=velmtest-{os.getpid()}",
                    "--system-call-filter=@memlock"]
         with open(self.console, "ab") as console:
+            # One hierarchy of control groups, as the releases themselves have it, whatever this machine has.
             self._nspawn = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=console, stderr=console,
-                                            start_new_session=True)
+                                            start_new_session=True,
+                                            env={**os.environ, "SYSTEMD_NSPAWN_UNIFIED_HIERARCHY": "1"})
         self._leader = wait_until(self._find_leader, "the container has a first process")
         wait_until(lambda: self.run("systemctl", "is-system-running", check=False).strip() in ("running", "degraded"),
                    "the system is up", cap=120)

@@ -50,8 +50,14 @@ def lock_by_saver(world, name, path):
 
 def vanishes(world):
     user = world.carol
-    mark = user.log_mark()
-    with running_saver(world, user, *SAVERS[0][1:]) as say:
-        say("on")
-        user.wait_for_messages(mark, *LOCKED)
-    user.wait_for_messages(mark, *LOCKED, *UNLOCKED)
+    user.wait_until_linked()
+    # Only somebody with a screen is unlocked by a locker that is gone.
+    screen = user.log_in_graphically(":9", "/usr/bin/sleep", "infinity")
+    try:
+        mark = user.log_mark()
+        with running_saver(world, user, *SAVERS[0][1:]) as say:
+            say("on")
+            user.wait_for_messages(mark, *LOCKED)
+        user.wait_for_messages(mark, *LOCKED, *UNLOCKED)
+    finally:
+        screen.logout()

@@ -90,9 +90,9 @@ class User:
         return self._log_in("/bin/sh", "-c",
                             f"sleep infinity | script --quiet --flush --command 'exec login -f {self.name}' /dev/null")
 
-    def log_in_graphically(self, display, program):
+    def log_in_graphically(self, display, *program):
         """As a display manager does; `program` is the session."""
-        return self._log_in(program, properties=(f"User={self.name}", "PAMName=login"),
+        return self._log_in(*program, properties=(f"User={self.name}", "PAMName=login"),
                             env={"XDG_SESSION_TYPE": "x11", "XDG_SESSION_CLASS": "user", "DISPLAY": display})
 
     # Commands
