@@ -13,5 +13,6 @@ function(velm_add_test name)
     target_link_libraries(${name} PRIVATE velm_flags ${arg_LINK} GTest::gmock GTest::gtest_main)
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
+        DISCOVERY_TIMEOUT 60
         PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}")
 endfunction()

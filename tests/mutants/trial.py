@@ -14,6 +14,10 @@ TEST_TIMEOUT = 60
 COMMAND_TIMEOUT = 1800
 
 
+class NoReport(Exception):
+    """ctest ended without saying what it did."""
+
+
 class Verdict(enum.Enum):
     CAUGHT = "caught"
     SURVIVED = "SURVIVED"
@@ -57,7 +61,9 @@ class Trial:
             self._run(["ctest", "--preset", "debug", "-R", expression, "-j", self._test_jobs, *options,
                        "--output-junit", report.name])
             text = Path(report.name).read_bytes()
-        cases = ElementTree.fromstring(text).iter("testcase") if text else []
+        if not text:
+            raise NoReport
+        cases = ElementTree.fromstring(text).iter("testcase")
         # The others were skipped, or not run any more.
         return {case.get("name"): case.get("status") == "run" for case in cases
                 if case.get("status") in ("run", "fail")}
@@ -71,17 +77,23 @@ class Trial:
         except OSError:
             return False
 
+    def _give_up(self, why):
+        tail = "\n".join(self._log.read_text(errors="replace").splitlines()[-30:])
+        raise SystemExit(f"mutants: {why}:\n{tail}")
+
     def without_mistake(self, mutants):
         """Builds everything that the mutants need and runs all their tests. Returns verdicts for those whose test says
         nothing, as it does not exist, or fails also without the mistake."""
         configured = self._run(["cmake", "--preset", "debug", f"-DVELM_TEST_TIMEOUT={TEST_TIMEOUT}"]) == 0
         targets = sorted({target for mutant in mutants for target in mutant.build})
         if not configured or (targets and not self._build(targets)):
-            tail = "\n".join(self._log.read_text(errors="replace").splitlines()[-30:])
-            raise SystemExit(f"mutants: the tree itself does not build:\n{tail}")
+            self._give_up("the tree itself does not build")
         tests = {}
         for expression in _unions(sorted({mutant.test for mutant in mutants if mutant.test})):
-            tests.update(self._test(expression))
+            try:
+                tests.update(self._test(expression))
+            except NoReport:
+                self._give_up("ctest finds no test, or cannot run")
         commands = {command: self._command(command) for command in
                     sorted({mutant.command for mutant in mutants if mutant.command})}
         unfit = {mutant: self._unfitness(mutant, tests, commands) for mutant in mutants}
@@ -105,7 +117,10 @@ class Trial:
             if mutant.command:
                 caught = not self._command(mutant.command)
                 return (Verdict.CAUGHT, f"by {mutant.command}") if caught else (Verdict.SURVIVED, mutant.command)
-            results = self._test(mutant.test, "--stop-on-failure")
+            try:
+                results = self._test(mutant.test, "--stop-on-failure")
+            except NoReport:
+                return Verdict.UNFIT, "ctest finds no test any more, or cannot run"
             failed = sorted(name for name, passed in results.items() if not passed)
             if failed:
                 return Verdict.CAUGHT, f"by {failed[0]}"
