@@ -86,6 +86,7 @@ enum LogRotationOption : std::int32_t {
 /// The size, in bytes of counted text, above which a log file is rotated. A type of its own, so that it is
 /// not mistaken for a count.
 struct MaxSizeBytes {
+    /// Explicit, so that no plain number passes for a size.
     explicit MaxSizeBytes(std::uint64_t bytes) : value(bytes) {}
 
     std::uint64_t value;  ///< In bytes.
@@ -93,6 +94,7 @@ struct MaxSizeBytes {
 
 /// How many rotated old files are kept.
 struct MaxOldLogCount {
+    /// Explicit, so that no plain number passes for a count.
     explicit MaxOldLogCount(std::int32_t count) : value(count) {}
 
     std::int32_t value;  ///< `SizeRotationStrategy::setBackupCount` says which counts are honoured.

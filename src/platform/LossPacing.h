@@ -14,10 +14,13 @@ namespace platform {
 /// way out can miss the start.
 class LossPacing {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = std::chrono::steady_clock;  ///< what all times here are of
+    /// From one loss to the next, at least.
     static constexpr std::chrono::milliseconds interval{1000};
+    /// From the last delivered call to a loss, at least.
     static constexpr std::chrono::milliseconds distanceToCalls{100};
 
+    /// The process's own. Any thread.
     static LossPacing& instance();
 
     /// Notes that a call of the other side, or a reply, was delivered and has returned.

@@ -30,6 +30,7 @@ inline constexpr XpcConnectionOptions xpcConnectionPrivileged = 4096;
 /// - Every operation may be called on any thread.
 class IXpcConnection {
 public:
+    /// Told of a loss; an empty one hears nothing.
     using Handler = std::function<void()>;
 
     virtual ~IXpcConnection() = default;

@@ -14,6 +14,7 @@
 /// passes through into the platform's delivery.
 class ScreenLockMonitor {
 public:
+    /// What is told of a change: true for locked.
     using Slot = boost::signals2::slot<void(bool), boost::function<void(bool)>>;
 
     /// Observes nothing yet.
@@ -35,6 +36,7 @@ public:
     /// What the notification centre calls; `observer` is the monitor, the other arguments are not looked at.
     static void onScreenLocked(CFNotificationCenterRef center, void* observer, CFNotificationName name,
                                const void* object, CFDictionaryRef userInfo);
+    /// As above, for the other notification.
     static void onScreenUnlocked(CFNotificationCenterRef center, void* observer, CFNotificationName name,
                                  const void* object, CFDictionaryRef userInfo);
 

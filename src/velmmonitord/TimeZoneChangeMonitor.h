@@ -13,6 +13,7 @@
 /// through into the platform's delivery.
 class TimeZoneChangeMonitor {
 public:
+    /// What is told of a change.
     using Slot = boost::signals2::slot<void(), boost::function<void()>>;
 
     /// Observes nothing yet.

@@ -15,8 +15,8 @@
 /// Raw bytes in a message, without framing. Refers to memory of the sender or the receiver of a call and is
 /// valid only while that call runs. `bytes` may be null when `length` is 0.
 struct XpcData {
-    const char* bytes = nullptr;
-    std::size_t length = 0;  ///< in bytes
+    const char* bytes = nullptr;  ///< the first of them
+    std::size_t length = 0;       ///< in bytes
 };
 
 /// A number in an answer, of whatever kind its sender chose.
@@ -38,16 +38,27 @@ public:
 
     /// Asks the daemon to confirm the link; it answers with XpcAgentProtocol::connected.
     virtual void connect() = 0;
+    /// Asks whether the daemon is ready.
     virtual void pingWithReply(XpcBoolReply reply) = 0;
+    /// Carries data, whose meaning is its sender's and its receiver's affair.
     virtual void putMessage(const XpcData& data) = 0;
+    /// The user's screen was locked or, if not, unlocked.
     virtual void onScreenLocked(bool locked) = 0;
+    /// The system's time zone changed.
     virtual void onTimeZoneChanged() = 0;
+    /// Asks for XpcAgentProtocol::networkReachability. Not sent by this agent.
     virtual void requestForNetworkReachability() = 0;
+    /// Asks for XpcAgentProtocol::initRmmMessage. Not sent by this agent.
     virtual void requestForInitRmm() = 0;
+    /// Asks for XpcAgentProtocol::logLevel; how `level` is read is the daemon's affair.
     virtual void requestForLogLevel(std::int32_t level) = 0;
+    /// Asks when the agent was heard last, in the daemon's own unit. Not sent by this agent.
     virtual void lastCommunicationTime(XpcNumberReply reply) = 0;
+    /// Asks for the name of the agent's user. Not sent by this agent.
     virtual void loggedUser(XpcStringReply reply) = 0;
+    /// Asks how long the daemon runs, in the daemon's own unit. Not sent by this agent.
     virtual void upTime(XpcNumberReply reply) = 0;
+    /// Asks for the daemon's monitors. Not sent by this agent.
     virtual void requestForRmmMonitors() = 0;
 };
 
@@ -57,12 +68,17 @@ class XpcAgentProtocol {
 public:
     virtual ~XpcAgentProtocol() = default;
 
+    /// Answers XpcDaemonProtocol::connect; with either flag the link is up.
     virtual void connected(bool flag) = 0;
+    /// Carries data, whose meaning is its sender's and its receiver's affair.
     virtual void putMessage(const XpcData& data) = 0;
+    /// A management call that this agent accepts and ignores.
     virtual void initRmmMessage(const std::string& message, const std::string& token,
                                 const std::string& subdomain, const std::string& rmmUrl,
                                 const std::string& appVer) = 0;
+    /// A management call that this agent accepts and ignores.
     virtual void networkReachability(bool reachable) = 0;
+    /// The log level that the daemon wishes for.
     virtual void logLevel(std::int64_t level) = 0;
     /// Optional, and so without a need to be overridden; see respondsToSelector.
     virtual void rmmMessage(const XpcData& /*data*/) {}
@@ -80,14 +96,14 @@ enum class XpcReply { None, Bool, Number, String };
 
 /// One method of a protocol. All tables are constants with static storage.
 struct XpcMethod {
-    static constexpr std::size_t maxArguments = 5;
+    static constexpr std::size_t maxArguments = 5;  ///< that a method of these protocols has
 
     std::string_view selector;  ///< in full, with its colons; points to a null-terminated literal
     std::array<XpcType, maxArguments>
-        arguments;  ///< the first `argumentCount` count; the reply block does not
-    std::size_t argumentCount;
-    XpcReply reply;
-    bool required;
+        arguments;              ///< the first `argumentCount` count; the reply block does not
+    std::size_t argumentCount;  ///< of the arguments; the reply block does not count
+    XpcReply reply;             ///< what its reply block takes, if it has one
+    bool required;              ///< rather than optional
 
     /// The selector up to its first colon.
     constexpr std::string_view member() const { return selector.substr(0, selector.find(':')); }
@@ -95,11 +111,13 @@ struct XpcMethod {
 
 /// One protocol: its name and its methods in their declared order.
 struct XpcProtocol {
-    std::string_view name;  ///< points to a null-terminated literal
-    const XpcMethod* methods;
-    std::size_t methodCount;
+    std::string_view name;     ///< points to a null-terminated literal
+    const XpcMethod* methods;  ///< the first of them
+    std::size_t methodCount;   ///< of the methods
 
+    /// To walk the methods in their declared order.
     constexpr const XpcMethod* begin() const { return methods; }
+    /// See `begin`.
     constexpr const XpcMethod* end() const { return methods + methodCount; }
     /// The method with that selector or, if there is none, null.
     constexpr const XpcMethod* find(std::string_view selector) const {

@@ -29,6 +29,7 @@ deep_steps() {
         step test-asan  "unit and link tests under them" run_tests asan -L 'unit|link'
     step build-tsan     "builds with the thread sanitizer" build tsan &&
         step test-tsan  "unit and link tests under it" run_tests tsan -L 'unit|link'
+    step reference      "Doxygen makes the reference without a warning" tools/make-reference build/reference
     step fuzz           "each fuzzer for 20 s" tests/fuzz/run
     step bench          "each benchmark once" benchmarks
 }
