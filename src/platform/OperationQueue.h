@@ -18,8 +18,9 @@ public:
 
     /// How many operations may run at once. Before the first operation is added.
     virtual void setMaxConcurrentOperationCount(int count) = 0;
-    /// Appends `operation` and returns at once.
-    virtual void addOperation(std::function<void()> operation) = 0;
+    /// Appends `operation` and returns at once. Never throws: a process that has no memory left for an
+    /// operation ends here rather than forget one.
+    virtual void addOperation(std::function<void()> operation) noexcept = 0;
 };
 
 /// A new, empty queue. Never null.

@@ -41,7 +41,7 @@ public:
     }
 
     // Kept apart from the queue, since what was added runs also after the queue was released.
-    void addOperation(std::function<void()> operation) override {
+    void addOperation(std::function<void()> operation) noexcept override {
         CallTrace::instance().add("queue: operation added");
         Operations::add(std::move(operation));
     }

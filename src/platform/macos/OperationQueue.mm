@@ -13,7 +13,7 @@ public:
         [m_queue setMaxConcurrentOperationCount:count];
     }
 
-    void addOperation(std::function<void()> operation) override {
+    void addOperation(std::function<void()> operation) noexcept override {
         @autoreleasepool {
             [m_queue addOperationWithBlock:^{
                 atExceptionBoundary([&] { operation(); });

@@ -42,7 +42,7 @@ public:
 
     void setMaxConcurrentOperationCount(int count) override { m_width = std::max(count, 1); }
 
-    void addOperation(std::function<void()> operation) override {
+    void addOperation(std::function<void()> operation) noexcept override {
         startMissingThreads();
         // The operation may release this queue, and be over, before adding it returns.
         const std::shared_ptr<Operations> operations = m_operations;
