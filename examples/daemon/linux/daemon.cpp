@@ -4,6 +4,8 @@
 #include <pwd.h>
 #include <systemd/sd-bus.h>
 
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -75,9 +77,8 @@ int onScreenLocked(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) 
 
 int onTimeZoneChanged(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
     std::printf("%s: time zone changed\n", introduce(call, *static_cast<Agents*>(agents)).c_str());
-    const char text[] = "noted";
-    // Data goes the other way just as well.
-    tell(call, "putMessage", "ay", 5, text[0], text[1], text[2], text[3], text[4]);
+    // Data goes the other way just as well: five bytes.
+    tell(call, "putMessage", "ay", 5, 'n', 'o', 't', 'e', 'd');
     return sd_bus_reply_method_return(call, nullptr);
 }
 
@@ -124,7 +125,7 @@ int onNameOwnerChanged(sd_bus_message* signal, void* agents, sd_bus_error* /*err
 // Agents of any user call these; without the flag, sd-bus would let only root do so.
 constexpr auto open = SD_BUS_VTABLE_UNPRIVILEGED;
 
-const sd_bus_vtable methods[] = {
+const std::array<sd_bus_vtable, 8> methods{{
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("connect", "", "", onConnect, open),
     SD_BUS_METHOD("pingWithReply", "", "b", onPing, open),
@@ -133,7 +134,7 @@ const sd_bus_vtable methods[] = {
     SD_BUS_METHOD("onTimeZoneChanged", "", "", onTimeZoneChanged, open),
     SD_BUS_METHOD("requestForLogLevel", "i", "", onRequestForLogLevel, open),
     SD_BUS_VTABLE_END,
-};
+}};
 
 void check(int result, const char* doing) {
     if (result < 0) {
@@ -145,7 +146,7 @@ void serve() {
     Agents agents;
     sd_bus* bus = nullptr;
     check(sd_bus_open_system(&bus), "cannot reach the system bus");
-    check(sd_bus_add_object_vtable(bus, nullptr, daemonPath, daemonInterface, methods, &agents),
+    check(sd_bus_add_object_vtable(bus, nullptr, daemonPath, daemonInterface, methods.data(), &agents),
           "cannot offer the interface");
     check(sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                               "org.freedesktop.DBus", "NameOwnerChanged", onNameOwnerChanged, &agents),

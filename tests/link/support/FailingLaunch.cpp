@@ -66,11 +66,14 @@ int threadsOfTheTimer() {
 
 }  // namespace
 
+// The C library names its parameters with reserved names.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" ssize_t write(int file, const void* bytes, std::size_t length) {
     look(bytes, length);
     return syscall(SYS_write, file, bytes, length);
 }
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" ssize_t writev(int file, const iovec* parts, int count) {
     for (int index = 0; index < count; ++index) {
         look(parts[index].iov_base, parts[index].iov_len);
