@@ -9,7 +9,7 @@
 
 #include "faults/SyscallTrap.h"
 #include "link/support/LinkTest.h"
-#include "soak/Resources.h"
+#include "link/support/Resources.h"
 
 namespace faults {
 namespace {
@@ -96,9 +96,9 @@ protected:
             return "ended";
         }
         // In which it would stand out if it went round and round.
-        const double before = soak::resourcesOf(agent->pid()).processorSeconds;
+        const double before = resourcesOf(agent->pid()).processorSeconds;
         pumpFor(milliseconds(300));
-        if (agent->running() && soak::resourcesOf(agent->pid()).processorSeconds - before > 0.15) {
+        if (agent->running() && resourcesOf(agent->pid()).processorSeconds - before > 0.15) {
             return "hot-loop";
         }
         return "linked-again";

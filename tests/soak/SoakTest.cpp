@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "link/support/LinkTest.h"
-#include "soak/Resources.h"
+#include "link/support/Resources.h"
 
 namespace soak {
 namespace {

@@ -55,6 +55,19 @@ void redirectToBrokenPipe(int target) {
     ::close(ends[0]);
 }
 
+void redirectToFullPipe(int target) {
+    std::array<int, 2> ends{};
+    mustNotFail(::pipe2(ends.data(), 0), "pipe2");
+    // The other end stays open in the agent itself, which never reads it.
+    mustNotFail(::fcntl(ends[1], F_SETFL, O_NONBLOCK), "fcntl");
+    const std::array<char, 4096> filling{};
+    while (::write(ends[1], filling.data(), filling.size()) > 0) {
+    }
+    mustNotFail(::fcntl(ends[1], F_SETFL, 0), "fcntl");
+    mustNotFail(::dup2(ends[1], target), "dup2");
+    ::close(ends[1]);
+}
+
 void prepareStreams(const PrivateMachine& machine, AgentOptions::Output output) {
     redirect(STDIN_FILENO, "/dev/null");
     redirect(STDERR_FILENO, machine.pathOf("stderr"));
@@ -65,6 +78,9 @@ void prepareStreams(const PrivateMachine& machine, AgentOptions::Output output) 
         case AgentOptions::Output::BrokenPipe:
             redirectToBrokenPipe(STDOUT_FILENO);
             break;
+        case AgentOptions::Output::FullPipe:
+            redirectToFullPipe(STDOUT_FILENO);
+            break;
         case AgentOptions::Output::Closed:
             ::close(STDOUT_FILENO);
             break;
@@ -74,12 +90,6 @@ void prepareStreams(const PrivateMachine& machine, AgentOptions::Output output) 
             }
             break;
     }
-}
-
-void becomeUser(uid_t user) {
-    mustNotFail(::setgroups(0, nullptr), "setgroups");
-    mustNotFail(::setresgid(user, user, user), "setresgid");
-    mustNotFail(::setresuid(user, user, user), "setresuid");
 }
 
 std::string fieldOf(const fs::path& file, const std::string& name) {
@@ -109,6 +119,12 @@ bool watchesSomething(pid_t pid) {
 }
 
 }  // namespace
+
+void becomeUser(uid_t user) {
+    mustNotFail(::setgroups(0, nullptr), "setgroups");
+    mustNotFail(::setresgid(user, user, user), "setresgid");
+    mustNotFail(::setresuid(user, user, user), "setresuid");
+}
 
 AgentProcess::AgentProcess(const PrivateMachine& machine, const AgentOptions& options)
     : m_startTime(std::chrono::steady_clock::now()),

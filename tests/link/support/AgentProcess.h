@@ -25,6 +25,7 @@ struct AgentOptions {
     enum class Output {
         File,        ///< a file that `output` reads
         BrokenPipe,  ///< a pipe that nobody reads
+        FullPipe,    ///< a full pipe whose reader sleeps
         Closed,      ///< nothing: the first file that the agent opens gets its number
         AllClosed,   ///< nothing, and no standard input or error either
     } output = Output::File;
@@ -32,6 +33,9 @@ struct AgentOptions {
     std::function<void()> asRoot;
     std::vector<std::string> environment;  ///< more variables, as NAME=value
 };
+
+/// In a new process, as root: becomes that user for good. Throws std::system_error.
+void becomeUser(uid_t user);
 
 /// The real agent, in a private machine. Killed at the end if a test has not ended it.
 class AgentProcess {

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <ostream>
 
-namespace soak {
+namespace link_tests {
 
 /// What a process holds at one moment, as /proc tells it.
 struct Resources {
@@ -20,4 +20,4 @@ Resources resourcesOf(pid_t process);
 
 std::ostream& operator<<(std::ostream& stream, const Resources& resources);
 
-}  // namespace soak
+}  // namespace link_tests

@@ -1,4 +1,4 @@
-#include "soak/Resources.h"
+#include "link/support/Resources.h"
 
 #include <unistd.h>
 
@@ -8,7 +8,7 @@
 #include <sstream>
 #include <string>
 
-namespace soak {
+namespace link_tests {
 namespace {
 
 namespace fs = std::filesystem;
@@ -61,4 +61,4 @@ std::ostream& operator<<(std::ostream& stream, const Resources& resources) {
                   << " s of processor time";
 }
 
-}  // namespace soak
+}  // namespace link_tests
