@@ -18,14 +18,15 @@ inline constexpr XpcConnectionOptions xpcConnectionPrivileged = 4096;
 /// Life: created, set up by the four setters, resumed once, released. The link is used only after `resume`;
 /// what is sent before is lost. A connection keeps its exported object alive for as long as it exists itself.
 ///
-/// What it promises:
-/// - Releasing a connection calls no handler. Each handler is called at most once. After an interruption was
-///   reported, the same connection reports no invalidation.
-/// - `resume` never reports a loss: a service that cannot be reached shows only once a message was sent, and
-///   losses are never reported twice within a second.
+/// What it promises, whatever the system underneath does:
+/// - It reports one loss: through one of its handlers, called once. None before something was sent on it,
+/// none
+///   after it was released. Over the process, losses are at least a second apart, and none follows a
+///   delivered call or reply within 100 ms.
+/// - Calls and replies are delivered once something was sent on it (until then they wait), and not after its
+///   loss was reported or it was released.
 /// - Handlers, replies and calls to the exported object run one at a time, in order, on the connection's
-/// private
-///   thread, with no lock of the connection held. A handler may replace or clear itself, release the
+///   private thread, with no lock of the connection held. A handler may replace or clear itself, release the
 ///   connection, or wait for another thread that is sending.
 /// - Every operation may be called on any thread.
 class IXpcConnection {

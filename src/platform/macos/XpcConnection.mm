@@ -5,7 +5,7 @@
 #include <atomic>
 #include <utility>
 
-#include "platform/macos/ExceptionBoundary.h"
+#import "platform/macos/XpcDelivery.h"
 #import "platform/macos/XpcExportedObject.h"
 #import "platform/macos/XpcObjCProtocols.h"
 #import "platform/macos/XpcRemoteObject.h"
@@ -17,20 +17,7 @@ namespace {
 static_assert(xpcConnectionPrivileged == NSXPCConnectionPrivileged);
 
 using HandlerBlock = void (^)(void);
-
-HandlerBlock blockOf(IXpcConnection::Handler handler) {
-    if (!handler) {
-        return nil;
-    }
-    return ^{
-        atExceptionBoundary([&] {
-            // A handler may replace itself, which frees this block and what it holds while the handler still
-            // runs.
-            const IXpcConnection::Handler running = handler;
-            running();
-        });
-    };
-}
+using Loss = XpcDelivery::Loss;
 
 // Neither invalidates nor suspends: the client never does, and an adapter that invalidated on release would
 // raise the very report of loss that the client leaves to the system.
@@ -43,6 +30,11 @@ public:
                                 options:static_cast<NSXPCConnectionOptions>(options)];
         }
     }
+
+    ~Connection() override { m_delivery->release(); }
+
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
 
     void setRemoteObjectInterface(const XpcProtocol& protocol) override {
         @autoreleasepool {
@@ -58,20 +50,23 @@ public:
 
     void setExportedObject(std::shared_ptr<XpcAgentProtocol> object) override {
         @autoreleasepool {
-            [m_connection setExportedObject:[[VelmXpcExportedObject alloc] initWithClient:std::move(object)]];
+            [m_connection setExportedObject:[[VelmXpcExportedObject alloc] initWithClient:std::move(object)
+                                                                                 delivery:m_delivery]];
         }
     }
 
     void setInterruptionHandler(Handler handler) override {
         @autoreleasepool {
-            [m_connection setInterruptionHandler:blockOf(std::move(handler))];
+            [m_connection setInterruptionHandler:blockOf(Loss::Interruption, bool(handler))];
         }
+        m_delivery->setHandler(Loss::Interruption, std::move(handler));
     }
 
     void setInvalidationHandler(Handler handler) override {
         @autoreleasepool {
-            [m_connection setInvalidationHandler:blockOf(std::move(handler))];
+            [m_connection setInvalidationHandler:blockOf(Loss::Invalidation, bool(handler))];
         }
+        m_delivery->setHandler(Loss::Invalidation, std::move(handler));
     }
 
     void resume() override {
@@ -85,11 +80,23 @@ public:
         @autoreleasepool {
             // A proxy taken before the connection has its interface would raise; one of nil loses its
             // messages.
-            return remoteObjectOf(m_resumed ? m_connection : nil);
+            return remoteObjectOf(m_resumed ? m_connection : nil, m_delivery);
         }
     }
 
 private:
+    // What the system calls for a loss; the handler itself is the delivery's.
+    HandlerBlock blockOf(Loss loss, bool wanted) const {
+        if (!wanted) {
+            return nil;
+        }
+        const std::shared_ptr<XpcDelivery> delivery = m_delivery;
+        return ^{
+            delivery->lose(loss);
+        };
+    }
+
+    const std::shared_ptr<XpcDelivery> m_delivery = std::make_shared<XpcDelivery>();
     NSXPCConnection* m_connection;
     std::atomic<bool> m_resumed{false};
 };

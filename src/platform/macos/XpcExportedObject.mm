@@ -2,29 +2,30 @@
 
 #include <utility>
 
-#include "platform/macos/ExceptionBoundary.h"
 #import "platform/macos/XpcValues.h"
 
-using platform::atExceptionBoundary;
 using platform::toString;
 using platform::toXpcData;
 
 @implementation VelmXpcExportedObject {
     std::shared_ptr<XpcAgentProtocol> m_client;
+    std::shared_ptr<platform::XpcDelivery> m_delivery;
 }
 
-- (instancetype)initWithClient:(std::shared_ptr<XpcAgentProtocol>)client {
+- (instancetype)initWithClient:(std::shared_ptr<XpcAgentProtocol>)client
+                      delivery:(std::shared_ptr<platform::XpcDelivery>)delivery {
     self = [super init];
     m_client = std::move(client);
+    m_delivery = std::move(delivery);
     return self;
 }
 
 - (void)connected:(BOOL)flag {
-    atExceptionBoundary([&] { m_client->connected(flag != NO); });
+    m_delivery->deliver([&] { m_client->connected(flag != NO); });
 }
 
 - (void)putMessage:(NSData*)data {
-    atExceptionBoundary([&] { m_client->putMessage(toXpcData(data)); });
+    m_delivery->deliver([&] { m_client->putMessage(toXpcData(data)); });
 }
 
 - (void)initRmmMessage:(NSString*)message
@@ -32,18 +33,18 @@ using platform::toXpcData;
              subdomain:(NSString*)subdomain
                 rmmUrl:(NSString*)rmmUrl
                 appVer:(NSString*)appVer {
-    atExceptionBoundary([&] {
+    m_delivery->deliver([&] {
         m_client->initRmmMessage(toString(message), toString(token), toString(subdomain), toString(rmmUrl),
                                  toString(appVer));
     });
 }
 
 - (void)networkReachability:(BOOL)reachable {
-    atExceptionBoundary([&] { m_client->networkReachability(reachable != NO); });
+    m_delivery->deliver([&] { m_client->networkReachability(reachable != NO); });
 }
 
 - (void)logLevel:(NSInteger)level {
-    atExceptionBoundary([&] { m_client->logLevel(level); });
+    m_delivery->deliver([&] { m_client->logLevel(level); });
 }
 
 @end

@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "platform/macos/ExceptionBoundary.h"
 #import "platform/macos/XpcObjCProtocols.h"
 #import "platform/macos/XpcValues.h"
 
@@ -14,98 +13,96 @@ namespace {
 // loop.
 class RemoteObject : public XpcDaemonProtocol {
 public:
-    explicit RemoteObject(NSXPCConnection* connection) : m_connection(connection) {}
+    RemoteObject(NSXPCConnection* connection, std::shared_ptr<XpcDelivery> delivery)
+        : m_connection(connection), m_delivery(std::move(delivery)) {}
 
     void connect() noexcept override {
-        @autoreleasepool {
-            [proxy() connect];
-        }
+        send([&](Daemon daemon) { [daemon connect]; });
     }
 
     void pingWithReply(XpcBoolReply reply) noexcept override {
-        @autoreleasepool {
-            [proxy() pingWithReply:^(BOOL answer) {
-                atExceptionBoundary([&] { reply(answer != NO); });
+        send([delivery = m_delivery, reply](Daemon daemon) {
+            [daemon pingWithReply:^(BOOL answer) {
+                delivery->deliver([&] { reply(answer != NO); });
             }];
-        }
+        });
     }
 
     void putMessage(const XpcData& data) noexcept override {
-        @autoreleasepool {
-            [proxy() putMessage:toNSData(data)];
-        }
+        send([&](Daemon daemon) { [daemon putMessage:toNSData(data)]; });
     }
 
     void onScreenLocked(bool locked) noexcept override {
-        @autoreleasepool {
-            [proxy() onScreenLocked:locked ? YES : NO];
-        }
+        send([&](Daemon daemon) { [daemon onScreenLocked:locked ? YES : NO]; });
     }
 
     void onTimeZoneChanged() noexcept override {
-        @autoreleasepool {
-            [proxy() onTimeZoneChanged];
-        }
+        send([&](Daemon daemon) { [daemon onTimeZoneChanged]; });
     }
 
     void requestForNetworkReachability() noexcept override {
-        @autoreleasepool {
-            [proxy() requestForNetworkReachability];
-        }
+        send([&](Daemon daemon) { [daemon requestForNetworkReachability]; });
     }
 
     void requestForInitRmm() noexcept override {
-        @autoreleasepool {
-            [proxy() requestForInitRmm];
-        }
+        send([&](Daemon daemon) { [daemon requestForInitRmm]; });
     }
 
     void requestForLogLevel(std::int32_t level) noexcept override {
-        @autoreleasepool {
-            [proxy() requestForLogLevel:level];
-        }
+        send([&](Daemon daemon) { [daemon requestForLogLevel:level]; });
     }
 
     void lastCommunicationTime(XpcNumberReply reply) noexcept override {
-        @autoreleasepool {
-            [proxy() lastCommunicationTime:^(NSNumber* time) {
-                atExceptionBoundary([&] { reply(toXpcNumber(time)); });
+        send([delivery = m_delivery, reply](Daemon daemon) {
+            [daemon lastCommunicationTime:^(NSNumber* time) {
+                delivery->deliver([&] { reply(toXpcNumber(time)); });
             }];
-        }
+        });
     }
 
     void loggedUser(XpcStringReply reply) noexcept override {
-        @autoreleasepool {
-            [proxy() loggedUser:^(NSString* user) {
-                atExceptionBoundary([&] { reply(toString(user)); });
+        send([delivery = m_delivery, reply](Daemon daemon) {
+            [daemon loggedUser:^(NSString* user) {
+                delivery->deliver([&] { reply(toString(user)); });
             }];
-        }
+        });
     }
 
     void upTime(XpcNumberReply reply) noexcept override {
-        @autoreleasepool {
-            [proxy() upTime:^(NSNumber* time) {
-                atExceptionBoundary([&] { reply(toXpcNumber(time)); });
+        send([delivery = m_delivery, reply](Daemon daemon) {
+            [daemon upTime:^(NSNumber* time) {
+                delivery->deliver([&] { reply(toXpcNumber(time)); });
             }];
-        }
+        });
     }
 
     void requestForRmmMonitors() noexcept override {
-        @autoreleasepool {
-            [proxy() requestForRmmMonitors];
-        }
+        send([&](Daemon daemon) { [daemon requestForRmmMonitors]; });
     }
 
 private:
-    id<XpcDaemonProtocol> proxy() const { return m_connection.remoteObjectProxy; }
+    using Daemon = id<XpcDaemonProtocol>;
+
+    template <typename Message>
+    void send(const Message& message) const noexcept {
+        if (m_connection == nil) {
+            return;
+        }
+        @autoreleasepool {
+            message(m_connection.remoteObjectProxy);
+        }
+        m_delivery->messageSent();
+    }
 
     NSXPCConnection* m_connection;
+    std::shared_ptr<XpcDelivery> m_delivery;
 };
 
 }  // namespace
 
-std::shared_ptr<XpcDaemonProtocol> remoteObjectOf(NSXPCConnection* connection) {
-    return std::make_shared<RemoteObject>(connection);
+std::shared_ptr<XpcDaemonProtocol> remoteObjectOf(NSXPCConnection* connection,
+                                                  std::shared_ptr<XpcDelivery> delivery) {
+    return std::make_shared<RemoteObject>(connection, std::move(delivery));
 }
 
 }  // namespace platform
