@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Runs the macOS side on Linux: the adapters, the agent and the stand-in, over a test-only Objective-C runtime and doubles
+# of the frameworks, under the address and undefined-behaviour sanitizers.
+#
+# Usage: tests/macos/run/check.sh [BUILD_DIR]        status 77: it can't be done here
+set -euo pipefail
+
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+build=${1:-$here/../../../build/macos-run}
+
+# The runtime knows one processor's ABI.
+[[ $(uname -sm) == "Linux x86_64" ]] || { echo "runs on x86-64 Linux only, and this is $(uname -sm)"; exit 77; }
+if [[ ! -e /usr/include/Block.h ]] && ! command -v dpkg-query >/dev/null; then
+    echo "needs a blocks runtime, which Debian has as libblocksruntime-dev"
+    exit 77
+fi
+
+compiler=$(command -v clang++) || { echo "clang++ is missing" >&2; exit 2; }
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_OBJCXX_COMPILER_LAUNCHER=ccache)
+
+mkdir -p "$build"
+log=$build/build.log
+{ cmake -G Ninja -S "$here" -B "$build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_OBJCXX_COMPILER="$compiler" \
+    "${launcher[@]}" && cmake --build "$build" -j "$(nproc)"; } >"$log" 2>&1 || {
+    grep -E 'error|FAILED|CMake Error' -A3 "$log" | head -n 60 >&2
+    echo "building failed (all of it: $log)" >&2
+    exit 1
+}
+
+# Most of a test's time is waiting for a second to pass, so many run at once.
+shards=8
+pids=()
+for ((i = 0; i < shards; i++)); do
+    GTEST_TOTAL_SHARDS=$shards GTEST_SHARD_INDEX=$i timeout 300 "$build/adapter_test" >"$build/shard.$i.log" 2>&1 &
+    pids+=($!)
+done
+failed=0
+for ((i = 0; i < shards; i++)); do
+    wait "${pids[i]}" || { failed=1; grep -vE '^\[ *(OK|RUN) |^\[-+\]' "$build/shard.$i.log" | tail -n 40 >&2; }
+done
+passed=$(sed -nE 's/^\[  PASSED  \] ([0-9]+) tests?\.$/\1/p' "$build"/shard.*.log | paste -sd+)
+bad=$(sed -nE 's/^ *([0-9]+) FAILED TESTS?$/\1/p' "$build"/shard.*.log | paste -sd+)
+echo "the adapters, in every reading of what Apple leaves open:"
+echo "$((passed)) passed, $((bad)) failed"
+((failed == 0)) || { echo "(all of it: $build/shard.*.log)" >&2; exit 1; }
