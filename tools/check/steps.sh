@@ -8,7 +8,8 @@ plain_steps() {
     step build          "builds with g++, warnings are errors" build debug || return
     step test           "unit and link tests" run_tests debug -L 'unit|link'
     step macos          "macOS sources compile; metadata equals the protocol table" tests/macos/check.sh build/macos
-    step macos-run      "the macOS agent runs, over doubles of the frameworks" tests/macos/run/check.sh build/macos-run
+    step macos-run      "the macOS agent runs, over doubles of the frameworks, as on Linux" \
+        tests/macos/run/check.sh build/macos-run build/debug
     step examples       "the examples run" examples/check.sh build/debug
     step daemons        "each example daemon with the real agent" examples/daemon/check.sh build/debug
     step docs           "tables, pictures and the house are as the sources say" tools/make-docs --check build/debug

@@ -2,11 +2,15 @@
 # Runs the macOS side on Linux: the adapters, the agent and the stand-in, over a test-only Objective-C runtime and doubles
 # of the frameworks, under the address and undefined-behaviour sanitizers.
 #
-# Usage: tests/macos/run/check.sh [BUILD_DIR]        status 77: it can't be done here
+# Usage: tests/macos/run/check.sh [BUILD_DIR [LINUX_BUILD_DIR]]        status 77: it can't be done here
+#
+# With the build of the Linux programs, what the two print over the demonstration's script is compared with theirs.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
-build=${1:-$here/../../../build/macos-run}
+root=$(cd "$here/../../.." && pwd)
+build=${1:-$root/build/macos-run}
+linux_build=${2-}
 
 # The runtime knows one processor's ABI.
 [[ $(uname -sm) == "Linux x86_64" ]] || { echo "runs on x86-64 Linux only, and this is $(uname -sm)"; exit 77; }
@@ -28,13 +32,16 @@ log=$build/build.log
     exit 1
 }
 
-# Most of a test's time is waiting for a second to pass, so many run at once.
+# Most of a test's time is waiting for a second to pass, so many run at once. After a failure nothing is waited for.
+export GTEST_FAIL_FAST=1
 shards=8
 pids=()
 for ((i = 0; i < shards; i++)); do
     GTEST_TOTAL_SHARDS=$shards GTEST_SHARD_INDEX=$i timeout 300 "$build/adapter_test" >"$build/shard.$i.log" 2>&1 &
     pids+=($!)
 done
+/usr/bin/python3 -B "$here/play.py" "$root" "$build" ${linux_build:+"$linux_build"} >"$build/play.log" 2>&1 &
+play=$!
 failed=0
 for ((i = 0; i < shards; i++)); do
     wait "${pids[i]}" || { failed=1; grep -vE '^\[ *(OK|RUN) |^\[-+\]' "$build/shard.$i.log" | tail -n 40 >&2; }
@@ -43,4 +50,6 @@ passed=$(sed -nE 's/^\[  PASSED  \] ([0-9]+) tests?\.$/\1/p' "$build"/shard.*.lo
 bad=$(sed -nE 's/^ *([0-9]+) FAILED TESTS?$/\1/p' "$build"/shard.*.log | paste -sd+)
 echo "the adapters, in every reading of what Apple leaves open:"
 echo "$((passed)) passed, $((bad)) failed"
-((failed == 0)) || { echo "(all of it: $build/shard.*.log)" >&2; exit 1; }
+wait "$play" || { failed=1; cat "$build/play.log" >&2; }
+tail -n 1 "$build/play.log"
+((failed == 0)) || { echo "(all of it: $build/shard.*.log $build/play.log)" >&2; exit 1; }
