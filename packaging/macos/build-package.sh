@@ -3,7 +3,8 @@
 #
 # Usage: packaging/macos/build-package.sh [OPTION]...
 #   --build DIR                   the build directory (build/release)
-#   --output FILE                 the package (velmmonitord-VERSION.pkg in the build directory)
+#   --output FILE                 the package (velmmonitord-VERSION.pkg in the build directory); its debug symbols are
+#                                 put beside it, with .dSYM in the place of .pkg: keep them with each release
 #   --application-identity NAME   sign the program, e.g. "Developer ID Application: Example (TEAMID)"
 #   --installer-identity NAME     sign the package, e.g. "Developer ID Installer: Example (TEAMID)"
 #
@@ -57,7 +58,15 @@ trap 'rm -rf "$stage"' EXIT
 payload=$stage/payload
 install -d -m 755 "$payload/Library/LaunchAgents" "$payload/Library/Application Support/Brovik"
 install -m 755 "$program" "$payload/Library/Application Support/Brovik/velmmonitord"
+install -m 755 "$here/uninstall.sh" "$payload/Library/Application Support/Brovik/uninstall-velmmonitord"
 install -m 644 "$here/$label.plist" "$payload/Library/LaunchAgents/$label.plist"
+
+# What makes a crash report readable stays with the maker, beside the package; the program goes without. Before the
+# signing, which ends every change.
+symbols=${output%.pkg}.dSYM
+rm -rf "$symbols"
+dsymutil "$program" -o "$symbols"
+strip -S "$payload/Library/Application Support/Brovik/velmmonitord"
 
 product_signature=()
 if [[ -n $application_identity ]]; then
@@ -73,3 +82,4 @@ pkgbuild --root "$payload" --identifier "$label" --version "$version" --install-
 productbuild --distribution "$here/distribution.xml" --package-path "$stage" \
     ${product_signature[@]+"${product_signature[@]}"} "$output"
 echo "$output"
+echo "$symbols"

@@ -20,6 +20,17 @@ remove() {
     rmdir "$directory" 2>/dev/null || true
 }
 
+# launchd refuses a job for a moment after its old one was booted out, while that one still ends.
+start() {
+    launchctl enable "system/$label"
+    attempts=0
+    until launchctl bootstrap system "$plist" 2>/dev/null; do
+        attempts=$((attempts + 1))
+        [ "$attempts" -lt 10 ] || { echo "stand-in.sh: launchd does not take $plist" >&2; exit 1; }
+        sleep 1
+    done
+}
+
 usage() { sed -n 's/^# \{0,1\}//; 5,6p' "$0" >&2; exit 2; }
 
 [ "$(id -u)" -eq 0 ] || { echo "stand-in.sh: needs root" >&2; exit 1; }
@@ -36,7 +47,7 @@ case ${1-} in
         install -d -m 755 "$directory"
         install -m 755 "$2" "$directory/velmdaemon-sim"
         install -m 644 "$here/$label.plist" "$plist"
-        launchctl bootstrap system "$plist"
+        start
         ;;
     remove)
         [ $# -eq 1 ] || usage

@@ -24,7 +24,7 @@ xmllint --noout --nonet "$packaging/distribution.xml"
 mkdir -p "$scratch/tools" "$scratch/build/src/velmmonitord"
 printf 'program' >"$scratch/build/src/velmmonitord/velmmonitord"
 chmod 755 "$scratch/build/src/velmmonitord/velmmonitord"
-for tool in codesign productbuild; do
+for tool in codesign dsymutil productbuild strip; do
     cat >"$scratch/tools/$tool" <<'TOOL'
 #!/bin/sh
 printf "%s" "${0##*/}" >>"$RECORD"
@@ -56,6 +56,7 @@ d 755 .
 d 755 ./Library
 d 755 ./Library/Application Support
 d 755 ./Library/Application Support/Brovik
+f 755 ./Library/Application Support/Brovik/uninstall-velmmonitord
 f 755 ./Library/Application Support/Brovik/velmmonitord
 d 755 ./Library/LaunchAgents
 f 644 ./Library/LaunchAgents/com.brovik.velmmonitord.plist
@@ -65,6 +66,10 @@ diff -u "$scratch/payload" "$scratch/signed.payload" || fail "the payload is not
 expect_call() {
     grep -qF -- "$2" <(grep "^$3 " "$scratch/$1") || fail "$1: $3 is not called with: $2; but: $(cat "$scratch/$1")"
 }
+expect_call signed "[$scratch/build/src/velmmonitord/velmmonitord] [-o] [" dsymutil
+expect_call signed '[-S] [' strip
+(($(grep -n '^strip' "$scratch/signed" | cut -d: -f1) < $(grep -n '^codesign' "$scratch/signed" | cut -d: -f1))) ||
+    fail "the program is changed after it was signed"
 expect_call signed '[--options] [runtime] [--timestamp]' codesign
 expect_call signed '[--sign] [App (ID)]' codesign
 expect_call signed "[--scripts] [$packaging/scripts]" pkgbuild
@@ -96,6 +101,23 @@ while read -r kind _ path; do
     [[ $kind == f ]] || continue
     grep -qF -- "${path##*/}\"" "$packaging/uninstall.sh" || fail "uninstall.sh leaves ${path#.}"
 done <"$scratch/payload"
+[[ -n $(xmllint --xpath '/installer-gui-script/volume-check/allowed-os-versions/os-version[@min="10.12"]' \
+    "$packaging/distribution.xml") ]] || fail "distribution.xml lets older systems through"
+
+# launchd refuses a job twice before it takes it, as it does after a bootout.
+cat >"$scratch/tools/launchctl" <<'TOOL'
+#!/bin/sh
+echo "$@" >>"$RECORD"
+[ "$1" != bootstrap ] || [ "$(grep -c ^bootstrap "$RECORD")" -gt 2 ]
+TOOL
+printf '#!/bin/sh\necho "  501 /System/Library/CoreServices/Dock.app/Contents/MacOS/Dock"\n' >"$scratch/tools/ps"
+printf '#!/bin/sh\n' >"$scratch/tools/sleep"
+chmod +x "$scratch"/tools/*
+RECORD=$scratch/started PATH=$scratch/tools:$PATH sh "$packaging/scripts/postinstall" x y / >"$scratch/started.out"
+[[ -s $scratch/started.out ]] && fail "postinstall gives up: $(cat "$scratch/started.out")"
+[[ $(cut -d' ' -f1 "$scratch/started" | uniq -c | xargs) == "1 enable 3 bootstrap" ]] ||
+    fail "postinstall does not enable first and try again: $(cat "$scratch/started")"
+
 grep -qF 'velmmonitord-component.pkg' "$packaging/distribution.xml" || fail "distribution.xml names no component"
 
 echo "scripts parse; payload, signing and refusals of build-package.sh are as intended"

@@ -15,7 +15,7 @@ EXPECTED = {
         "LimitLoadToSessionType": "Aqua",
         "RunAtLoad": True,
         "KeepAlive": True,
-        "ProcessType": "Background",
+        "ProcessType": "Adaptive",
         "ThrottleInterval": 10,
     },
     "com.brovik.velmdaemon": {
