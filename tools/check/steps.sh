@@ -20,6 +20,7 @@ plain_steps() {
 deep_steps() {
     step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
     step run            "the demonstration" ./run
+    step macos-first    "the script for the first run on a Mac, over the doubles" tests/macos/run/first-run.sh build/macos-run
     step model          "a model of the link: never wedged, and each promise is needed" docs/model/run
     step mutants-sample "20 seeded mistakes, and a test that notices each" tests/mutants/run --sample 20 --jobs "$jobs"
     step soak           "two minutes of random events, stops and restarts" tests/soak/run build/debug 120
