@@ -88,7 +88,9 @@ class User:
     def log_in(self):
         """At a terminal, with login(1)."""
         return self._log_in("/bin/sh", "-c",
-                            f"sleep infinity | script --quiet --flush --command 'exec login -f {self.name}' /dev/null")
+                            f"sleep infinity | script --quiet --flush --command 'exec login -f {self.name}' /dev/null",
+                            # A terminal that is closed waits for nobody; script(1) of Debian 13 does.
+                            properties=("TimeoutStopSec=1s",))
 
     def log_in_graphically(self, display, *program):
         """As a display manager does; `program` is the session."""
