@@ -26,6 +26,44 @@ def wait_until(condition, what, cap=30):
         time.sleep(0.1)
 
 
+def control_groups():
+    """Directories of this process's own control groups, in the hierarchies that systemd uses."""
+    paths = {}
+    for line in pathlib.Path("/proc/self/cgroup").read_text().splitlines():
+        _, controllers, path = line.split(":", 2)
+        paths[controllers] = path
+    for line in pathlib.Path("/proc/self/mountinfo").read_text().splitlines():
+        fields, _, kind = line.partition(" - ")
+        mounted, options = fields.split()[4], kind.split()[2]
+        if kind.startswith("cgroup2 ") and "" in paths:
+            yield pathlib.Path(mounted + paths[""])
+        elif kind.startswith("cgroup ") and "name=systemd" in options.split(",") and "name=systemd" in paths:
+            yield pathlib.Path(mounted + paths["name=systemd"])
+
+
+class ControlGroup:
+    """Control groups of a container's own. Without them two containers share theirs: each would see, and end, units
+    of the other."""
+
+    def __init__(self, name):
+        self._directories = [group / name for group in control_groups()]
+        for directory in self._directories:
+            directory.mkdir(exist_ok=True)
+
+    def enter(self):
+        """Moves the calling process there."""
+        for directory in self._directories:
+            (directory / "cgroup.procs").write_text(str(os.getpid()))
+
+    def remove(self):
+        for top in self._directories:
+            for directory, _, _ in os.walk(top, topdown=False):
+                try:
+                    os.rmdir(directory)
+                except OSError:
+                    pass  # somebody is still in it; the machine's next start forgets it
+
+
 class Container:
     """Needs root. Has no network and no outside service; `stop` ends every process of it."""
 
@@ -34,6 +72,7 @@ class Container:
         self.console = self.root.parent / "console.log"
         self._nspawn = None
         self._leader = None
+        self._group = None
 
     def path(self, inside):
         """Where a file of the container is on this machine."""
@@ -44,10 +83,11 @@ class Container:
         command = ["systemd-nspawn", "--quiet", f"--directory={self.root}", "--boot", "--private-network",
                    "--register=no", "--keep-unit", "--console=pipe", f"--machine=velmtest-{os.getpid()}",
                    "--system-call-filter=@memlock"]
+        self._group = ControlGroup(f"velmtest-{os.getpid()}")
         with open(self.console, "ab") as console:
             # One hierarchy of control groups, as the releases themselves have it, whatever this machine has.
             self._nspawn = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=console, stderr=console,
-                                            start_new_session=True,
+                                            start_new_session=True, preexec_fn=self._group.enter,
                                             env={**os.environ, "SYSTEMD_NSPAWN_UNIFIED_HIERARCHY": "1"})
         self._leader = wait_until(self._find_leader, "the container has a first process")
         wait_until(lambda: self.run("systemctl", "is-system-running", check=False).strip() in ("running", "degraded"),
@@ -75,6 +115,7 @@ class Container:
         if self._nspawn.poll() is None:
             self._nspawn.terminate()
         self._nspawn.wait()
+        self._group.remove()
         self._nspawn = self._leader = None
 
     def _inside(self, command, user, env):

@@ -62,8 +62,8 @@ def properties(world):
 def confined(world):
     for user in world.users:
         status = world.container.run("cat", f"/proc/{user.wait_for_agent()}/status")
-        for line in ("NoNewPrivs:\t1", "Seccomp:\t2"):
-            assert line in status, status
+        found = dict(re.findall(r"^(NoNewPrivs|Seccomp):\t(\d)$", status, re.MULTILINE))
+        assert found == {"NoNewPrivs": "1", "Seccomp": "2"}, f"{user.name}: {found}"
 
 
 def switches(world, pid):
