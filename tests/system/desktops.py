@@ -115,8 +115,8 @@ def try_locker(world, number, locker):
         time.sleep(3)
         lock_and_unlock(world, user, session, locker)
     finally:
-        world.container.run("systemctl", "kill", "--signal=KILL", session.unit, check=False)
-        session.logout()
+        world.container.run("loginctl", "terminate-session", session.number, check=False)
+        world.container.run("systemctl", "stop", session.unit, check=False)
 
 
 def main():

@@ -12,6 +12,7 @@ each fault, so it is no step of ./check.
 
 import dataclasses
 import pathlib
+import re
 import shutil
 import subprocess
 import sys
@@ -125,18 +126,26 @@ def faulty_packages(fault, packages, target, builder):
         shutil.copy(package, target)
 
 
-def boot(packages, previous, tarball, log):
+def boot(fault, packages, previous, tarball, log):
+    """Runs the booted test until the fault's point has failed, and returns the points that failed."""
     with tempfile.TemporaryDirectory(prefix="velm-fault.", dir="/var/tmp") as work:
         root = pathlib.Path(work) / "root"
         root.mkdir()
         subprocess.run(["tar", "-C", root, "-xf", tarball], check=True)
+        test = subprocess.Popen([sys.executable, "-B", HERE / "booted.py", "--brief", "--root", root, "--packages",
+                                 packages, "--previous", previous], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                text=True)
+        failed = []
         with open(log, "w", encoding="utf-8") as output:
-            subprocess.run([sys.executable, "-B", HERE / "booted.py", "--one-bus", "--root", root, "--packages", packages,
-                            "--previous", previous], stdout=output, stderr=subprocess.STDOUT, check=False)
-
-
-def failed_points(log):
-    return [line[19:] for line in log.read_text().splitlines() if line.startswith("FAILED") and "points shown" not in line]
+            for line in test.stdout:
+                output.write(line)
+                point = re.match(r"FAILED +[\d.]+ s  (.*)", line)
+                if point and "points shown" not in line:
+                    failed.append(point[1])
+                    if point[1].startswith(fault.point):
+                        test.terminate()
+        test.wait()
+    return failed
 
 
 def main():
@@ -152,8 +161,7 @@ def main():
             continue
         log = work / f"{fault.name}.log"
         faulty_packages(fault, packages, work / fault.name, builder)
-        boot(work / fault.name, previous, tarball, log)
-        points = failed_points(log)
+        points = boot(fault, work / fault.name, previous, tarball, log)
         found = any(point.startswith(fault.point) for point in points)
         missed += not found
         print(f"{'found' if found else 'MISSED':7} {fault.name}: {'; '.join(points) or 'no point failed'}", flush=True)
