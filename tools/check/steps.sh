@@ -51,6 +51,11 @@ system_steps() {
     step system         "the packages in a booted system" tests/system/run.sh build/packages
 }
 
+# Not part of --all.
+desktop_steps() {
+    step desktops       "real screen lockers: one lock, one unlock each" tests/system/desktops.sh build/packages
+}
+
 build() { cmake --preset "$1" "${@:2}" && cmake --build --preset "$1" -j "$jobs"; }
 
 # Most tests wait for something most of the time.
