@@ -2,6 +2,17 @@
 
 #include "velmmonitord/LogLine.h"
 
+namespace {
+
+void observe(TimeZoneChangeMonitor* monitor) {
+    CFNotificationCenterAddObserver(CFNotificationCenterGetLocalCenter(), monitor,
+                                    &TimeZoneChangeMonitor::onTimezoneChanged,
+                                    kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr,
+                                    CFNotificationSuspensionBehaviorDeliverImmediately);
+}
+
+}  // namespace
+
 TimeZoneChangeMonitor::TimeZoneChangeMonitor()
     : m_signal(std::make_unique<boost::signals2::signal<void()>>()) {}
 
@@ -14,14 +25,11 @@ TimeZoneChangeMonitor::~TimeZoneChangeMonitor() {
 
 void TimeZoneChangeMonitor::init() {
     logLine(Logging::Level::Trace, "Time zone change monitor is running");
-    registerObservers();
+    observe(this);
 }
 
 void TimeZoneChangeMonitor::registerObservers() {
-    CFNotificationCenterAddObserver(CFNotificationCenterGetLocalCenter(), this,
-                                    &TimeZoneChangeMonitor::onTimezoneChanged,
-                                    kCFTimeZoneSystemTimeZoneDidChangeNotification, nullptr,
-                                    CFNotificationSuspensionBehaviorDeliverImmediately);
+    observe(this);
 }
 
 void TimeZoneChangeMonitor::subscribeOnTimeZoneChange(Slot&& slot) {

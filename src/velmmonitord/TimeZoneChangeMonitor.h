@@ -26,7 +26,8 @@ public:
 
     /// Starts to observe. Once: a second call has every notification raise two events.
     void init();
-    /// The registering half of `init`, without its log line.
+    /// Registers as `init` does, without its log line. `init` does not come by here, and the agent has no
+    /// need of it.
     void registerObservers();
     /// Connects `slot` behind those already connected, for the life of the monitor. Before or after `init`;
     /// any thread.
