@@ -2,9 +2,17 @@
 
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "unit/platform/process/ChildProcess.h"
 
 namespace {
 
@@ -66,6 +74,37 @@ TEST_F(HomeDirectory, IsNothingForAUserWithoutPasswordEntry) {
     const auto path = pathInHomeDirectory("a");
     ASSERT_EQ(setresuid(0, 0, 0), 0);
     EXPECT_EQ(path, std::nullopt);
+}
+
+/// An /etc/passwd of this process's own, where home is no absolute path. False where the system does not let
+/// us.
+bool giveRootARelativeHome() {
+    std::string name = "/tmp/velm-passwd-XXXXXX";
+    const int file = mkstemp(name.data());
+    constexpr std::string_view entry = "root:x:0:0:root:relative/home:/bin/sh\n";
+    const bool written = write(file, entry.data(), entry.size()) == static_cast<ssize_t>(entry.size());
+    close(file);
+    chmod(name.c_str(), 0644);
+    const bool bound = written && unshare(CLONE_NEWNS) == 0 &&
+                       mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                       mount(name.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0;
+    unlink(name.c_str());
+    return bound;
+}
+
+TEST_F(HomeDirectory, IsNothingWhereThePasswordEntryHasNoAbsolutePath) {
+    constexpr int noNamespace = 77;
+    const ChildResult result = runInChild([] {
+        unsetenv("HOME");
+        if (!giveRootARelativeHome()) {
+            return noNamespace;
+        }
+        return getpwuid(0)->pw_dir == std::string("relative/home") && !pathInHomeDirectory("a") ? 0 : 1;
+    });
+    if (result.returned(noNamespace)) {
+        GTEST_SKIP() << "needs root for a private /etc/passwd";
+    }
+    EXPECT_TRUE(result.returned(0)) << result.status;
 }
 
 }  // namespace

@@ -45,13 +45,13 @@ TEST(SystemLog, WritesOneLineToTheStandardErrorWhereThereIsNoLog) {
         if (!enterEmptyDev()) {
             return noNamespace;
         }
-        platform::writeSystemLog("no file at path = ", "/a\nb%s");
+        platform::writeSystemLog("no file at path = ", "/a\nb%s\n\nc");
         return 0;
     });
     if (result.returned(noNamespace)) {
         GTEST_SKIP() << "needs root for a private /dev";
     }
-    EXPECT_EQ(result.errorOutput, "no file at path = /a b%s\n");
+    EXPECT_EQ(result.errorOutput, "no file at path = /a b%s  c\n");
 }
 
 TEST(SystemLog, WritesOneLineToTheLogAndNowhereElse) {
@@ -60,10 +60,10 @@ TEST(SystemLog, WritesOneLineToTheLogAndNowhereElse) {
             return noNamespace;
         }
         const int log = openDevLog();
-        platform::writeSystemLog("no file at path = ", "/a\nb%s");
+        platform::writeSystemLog("no file at path = ", "/a\nb%s\n\nc");
         // LOG_USER is 1 and LOG_ERR is 3, in one number 1 * 8 + 3.
         const std::regex line("<11>.* velmmonitord\\[" + std::to_string(getpid()) +
-                              "\\]: no file at path = /a b%s");
+                              "\\]: no file at path = /a b%s  c");
         const std::string message = nextMessage(log);
         if (!std::regex_match(message, line)) {
             return 1;
