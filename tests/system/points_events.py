@@ -18,7 +18,9 @@ def points(report, world):
     report.check("a lock and an unlock by the session's own hint, as loginctl shows it", hint, world)
     report.check("another user's lock is that user's alone", other_users_lock, world)
     report.check("a request to lock is no lock", request_is_no_lock, world)
-    report.check("a real locker (xss-lock, i3lock under Xvfb), unlocked with the password", real_locker, world)
+    for command in LOCKERS:
+        report.check(f"a real locker, unlocked with the password: {command}", real_locker, world, command)
+    report.check("a lock beside a session that ended while locked and is still closing", closing_session, world)
     report.check("timedatectl set-timezone: told once, and the log goes on in the new zone", time_zone, world)
     report.check("logind restarted: no event by itself, the next lock is seen", logind_restarted, world)
     report.check("logout and login within seconds: the agent goes on with the new session", quick_relogin, world)
@@ -73,39 +75,53 @@ def request_is_no_lock(world):
 
 DISPLAY = ":7"
 PASSWORD = "opensesame"
+# As docs/operations.md gives them. The last two lockers go into the background.
+LOCKERS = ("xss-lock -- i3lock --nofork", "xss-lock -- velm-locked-hint -- i3lock", "velm-locked-hint -- i3lock")
+MANUAL = "usr/share/doc/velmmonitord/operations.md"
 GRAPHICAL_SESSION = f"""#!/bin/sh
 Xvfb {DISPLAY} -screen 0 320x240x24 -nolisten tcp &
 until xdotool getdisplaygeometry; do sleep 0.1; done
-exec xss-lock -- i3lock --nofork
+%s
 """
 
 
-def real_locker(world):
+def real_locker(world, command):
+    assert f"`{command}`" in world.container.path(MANUAL).read_text(), "the documents give another command"
+    by_request = command.startswith("xss-lock")
     program = world.container.path("usr/local/bin/velmtest-session")
-    program.write_text(GRAPHICAL_SESSION)
+    program.write_text(GRAPHICAL_SESSION % (f"exec {command}" if by_request else "exec sleep infinity"))
     program.chmod(0o755)
     world.container.run("sh", "-c", f"echo '{world.alice.name}:{PASSWORD}' | chpasswd")
     session = world.alice.log_in_graphically(DISPLAY, "/usr/local/bin/velmtest-session")
     try:
-        wait_until(lambda: "xss-lock" in world.container.programs(), "xss-lock runs")
-        lock_by_locker(world, session)
+        wait_until(lambda: "Xvfb" in world.container.programs(), "the X server runs")
+        if by_request:
+            wait_until(lambda: "xss-lock" in world.container.programs(), "xss-lock runs")
+            lock_by_locker(world, session, lambda: world.container.run("loginctl", "lock-session", session.number))
+        else:
+            lock_by_locker(world, session, lambda: world.alice.run(
+                "sh", "-c", f"setsid {command} > /dev/null 2>&1 &", env={"DISPLAY": DISPLAY}))
     finally:
         world.container.run("loginctl", "terminate-session", session.number)
         program.unlink()
     wait_until(lambda: "Xvfb" not in world.container.programs(), "the graphical session has ended")
 
 
-def lock_by_locker(world, session):
+def lock_by_locker(world, session, lock):
     mark, since = world.alice.log_mark(), world.daemon.mark()
     def lock_seen():
         # xss-lock listens a moment after it has started.
-        world.container.run("loginctl", "lock-session", session.number)
-        time.sleep(0.5)
+        if "i3lock" not in world.container.programs():
+            lock()
+        time.sleep(1)
         return session.show("LockedHint") == "yes"
     wait_until(lock_seen, "the locker told logind of the lock")
     world.alice.wait_for_messages(mark, *LOCKED)
     world.daemon.wait_for(world.alice, since, "onScreenLocked YES")
     wait_until(lambda: "i3lock" in world.container.programs(), "the locker runs")
+    # Nothing says that it was unlocked while the locker runs in the background.
+    time.sleep(1)
+    assert tuple(world.alice.messages(mark)) == LOCKED, world.alice.messages(mark)
 
     def unlocked():
         world.alice.run("xdotool", "type", PASSWORD, env={"DISPLAY": DISPLAY})
@@ -115,6 +131,26 @@ def lock_by_locker(world, session):
     wait_until(unlocked, "the password unlocks the screen")
     world.alice.wait_for_messages(mark, *LOCKED, *UNLOCKED)
     world.daemon.wait_for(world.alice, since, "onScreenLocked NO")
+    assert tuple(world.alice.messages(mark)) == LOCKED + UNLOCKED, world.alice.messages(mark)
+
+
+def closing_session(world):
+    """Debian lets processes outlive their session, which then stays, with the hint that it had."""
+    program = world.container.path("usr/local/bin/velmtest-session")
+    program.write_text("#!/bin/sh\nsetsid sleep infinity &\nexec sleep infinity\n")
+    program.chmod(0o755)
+    session = world.alice.log_in_graphically(DISPLAY, "/usr/local/bin/velmtest-session")
+    try:
+        mark = world.alice.log_mark()
+        session.set_locked_hint(True)
+        world.alice.wait_for_messages(mark, *LOCKED)
+        world.container.run("systemctl", "stop", session.unit)
+        wait_until(lambda: session.show("State") == "closing", "the session is closing")
+        assert session.show("LockedHint") == "yes"
+        lock_and_unlock(world, world.alice, world.alices_session)
+    finally:
+        world.container.run("loginctl", "terminate-session", session.number, check=False)
+        program.unlink()
 
 
 def time_zone(world):
