@@ -130,6 +130,10 @@ void FakeLogind::answer(sd_bus_message* call) {
 }
 
 void FakeLogind::answerList(sd_bus_message* call) {
+    if (std::exchange(m_refusesList, false)) {
+        sd_bus_reply_method_errorf(call, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many questions");
+        return;
+    }
     platform::MessageHandle reply;
     sd_bus_message_new_method_return(call, platform::OutHandle(reply));
     sd_bus_message_open_container(reply.get(), 'a', "(susso)");

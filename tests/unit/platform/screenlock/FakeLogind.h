@@ -55,6 +55,8 @@ public:
     /// The same for all but the list of sessions.
     void holdSessionAnswers() { m_holding = true; }
     void answerHeld();
+    /// The next question for the list of sessions is refused, as one too many at a time is.
+    void refuseList() { m_refusesList = true; }
     /// What is asked from here on of a session's properties is answered with this instead.
     void answerWith(std::function<void(sd_bus_message* reply)> fill) { m_fill = std::move(fill); }
 
@@ -85,6 +87,7 @@ private:
     std::vector<bool> m_hintsSet;
     bool m_holding = false;
     bool m_holdingLists = false;
+    bool m_refusesList = false;
     int m_listsAsked = 0;
     int m_sessionsAsked = 0;
 };

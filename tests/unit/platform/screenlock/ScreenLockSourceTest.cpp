@@ -473,6 +473,43 @@ TEST_F(ScreenLockSourceTest, ComesBackAfterTheBusWasLost) {
     EXPECT_THAT(m_reports, ElementsAre(true, true, false));
 }
 
+TEST_F(ScreenLockSourceTest, FollowsItsSessionsAlsoWhenTheListWasRefusedAtFirst) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    m_logind->refuseList();
+    startSource();
+    ASSERT_TRUE(runUntil([this] { return m_logind->listsAsked() == 1; }));
+    runFor(std::chrono::milliseconds(100));
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockSourceTest, MakesNothingOfASessionThatIsNonsense) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    m_logind->have("s2", ownSession());
+    const auto nonsense = [this](const char* name, const char* type, const char* value) {
+        m_logind->answerWith([=](sd_bus_message* reply) {
+            sd_bus_message_append(reply, "a{sv}", 4, "User", "(uo)", getuid(), "/", "Class", "s", "user",
+                                  "LockedHint", "b", 1, name, type, value);
+        });
+    };
+    nonsense("State", "o", "/closing");
+    startSource();
+    ASSERT_TRUE(waitForQuestions(2));
+    int asked = 2;
+    for (const char* name : {"Type", "Seat", "User", "Class", "LockedHint"}) {
+        nonsense(name, "g", "ss");
+        m_logind->invalidateHint("s2", true);
+        ASSERT_TRUE(waitForQuestions(++asked)) << name;
+    }
+    m_logind->answerWith(nullptr);
+    m_logind->invalidateHint("s2", false);
+    ASSERT_TRUE(waitForQuestions(++asked));
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
 TEST_F(ScreenLockSourceTest, ForgetsWhatItAskedOfASessionThatWasRemoved) {
     startWithOneSession();
     m_logind->holdSessionAnswers();
@@ -599,6 +636,8 @@ TEST_F(ScreenSaverTest, IsNotReportedWhenItVanishesWithItsSession) {
     m_saver.reset();
     m_logind->close("s1");
     ASSERT_TRUE(waitForQuestions(3)) << "whether the session is still open";
+    runFor(std::chrono::milliseconds(300));
+    EXPECT_THAT(m_reports, ElementsAre(true));
     startSaver("org.mate.ScreenSaver");
     ASSERT_TRUE(waitUntilAsked());
     m_saver->setActive(true);
