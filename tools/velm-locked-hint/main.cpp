@@ -1,4 +1,9 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstring>
 #include <iostream>
 #include <string>
@@ -6,6 +11,7 @@
 
 #include "HeldHint.h"
 #include "Locker.h"
+#include "Signals.h"
 
 namespace {
 
@@ -32,8 +38,8 @@ int complainOfStart(const std::string& program, int error) {
     return error == ENOENT ? notFound : cannotRun;
 }
 
-int run(const std::vector<std::string>& command) {
-    Locker locker;
+int run(const std::vector<std::string>& command, const Signals& signals) {
+    Locker locker(signals);
     if (const int error = locker.start(command)) {
         return complainOfStart(command.front(), error);
     }
@@ -47,6 +53,28 @@ int run(const std::vector<std::string>& command) {
     const HeldHint hint;
     locker.waitUntilGone();
     return locker.status();
+}
+
+int waitFor(pid_t keeper, const Signals& signals) {
+    int status = 0;
+    while (waitpid(keeper, &status, WNOHANG) == 0) {
+        const int signal = signals.next();
+        if (signal != SIGCHLD) {
+            kill(keeper, signal);
+        }
+    }
+    return exitStatus(status);
+}
+
+// In a process of its own, which has no children but the locker's, whoever it was that executed this program,
+// and which goes on when this one is killed.
+int runInKeeper(const std::vector<std::string>& command) {
+    const Signals signals;
+    const pid_t keeper = fork();
+    if (keeper < 0) {
+        return complainOfStart(command.front(), errno);
+    }
+    return keeper == 0 ? run(command, signals) : waitFor(keeper, signals);
 }
 
 }  // namespace
@@ -70,5 +98,5 @@ int main(int argc, char** argv) {
         std::cerr << usage;
         return wrongCommandLine;
     }
-    return run(arguments);
+    return runInKeeper(arguments);
 }

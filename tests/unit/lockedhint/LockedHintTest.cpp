@@ -47,9 +47,10 @@ protected:
 
     std::unique_ptr<Child> run(std::vector<std::string> locker) const {
         locker.insert(locker.begin(), {VELM_LOCKED_HINT, "--"});
-        return std::make_unique<Child>(locker,
-                                       std::vector<std::string>{"DBUS_SYSTEM_BUS_ADDRESS=" + m_bus.address(),
-                                                                "XDG_RUNTIME_DIR=" + m_directory.string()});
+        return std::make_unique<Child>(locker, environment());
+    }
+    std::vector<std::string> environment() const {
+        return {"DBUS_SYSTEM_BUS_ADDRESS=" + m_bus.address(), "XDG_RUNTIME_DIR=" + m_directory.string()};
     }
     std::unique_ptr<Child> runShell(const std::string& script) const {
         return run({"/bin/sh", "-c", script});
@@ -156,16 +157,50 @@ TEST_F(LockedHint, IsNotClearedByASecondLockerThatEndsFirst) {
     EXPECT_THAT(m_logind->hintsSet(), ElementsAre(true, false));
 }
 
-TEST_F(LockedHint, IsClearedByTheNextRunWhenOneWasKilled) {
+TEST_F(LockedHint, IsClearedAlsoWhenTheProgramItselfIsKilled) {
     const auto killed = runShell(untilTold());
     ASSERT_TRUE(waitUntilLocked(true));
     killed->signal(SIGKILL);
     EXPECT_EQ(statusAtEnd(*killed), -SIGKILL);
+    runFor(milliseconds(300));
+    EXPECT_TRUE(m_logind->isLocked("s1")) << "the locker runs on";
+    endLockers();
+    EXPECT_TRUE(waitUntilLocked(false));
+}
+
+/// The child that does the work.
+pid_t keeperOf(const Child& program) {
+    const std::string pid = std::to_string(program.pid());
+    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+    pid_t keeper = 0;
+    children >> keeper;
+    return keeper;
+}
+
+TEST_F(LockedHint, IsClearedByTheNextRunWhenAllOfOneWasKilled) {
+    const auto killed = runShell(untilTold());
+    ASSERT_TRUE(waitUntilLocked(true));
+    const pid_t keeper = keeperOf(*killed);
+    ASSERT_GT(keeper, 0);
+    kill(keeper, SIGKILL);
+    EXPECT_EQ(statusAtEnd(*killed), 128 + SIGKILL);
     endLockers();
     EXPECT_TRUE(m_logind->isLocked("s1"));
     const auto next = run({"sleep", "3"});
     EXPECT_EQ(statusAtEnd(*next), 0);
     EXPECT_FALSE(m_logind->isLocked("s1"));
+}
+
+TEST_F(LockedHint, WaitsForNoChildrenButTheLockers) {
+    const std::string script =
+        "sleep 300 & echo $! ; exec '" + std::string(VELM_LOCKED_HINT) + "' -- sh -c '" + untilTold() + "'";
+    Child program({"/bin/sh", "-c", script}, environment());
+    const pid_t stranger = std::stoi(program.awaitLine(""));
+    ASSERT_TRUE(waitUntilLocked(true));
+    endLockers();
+    EXPECT_TRUE(waitUntilLocked(false));
+    EXPECT_EQ(statusAtEnd(program), 0);
+    kill(stranger, SIGKILL);
 }
 
 TEST_F(LockedHint, IsClearedByALogindThatWasAwayJustThen) {

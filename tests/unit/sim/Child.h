@@ -29,6 +29,7 @@ public:
     void closeInput();
     void closeOutput();
     void signal(int number) const;
+    pid_t pid() const { return m_pid; }
     /// Whether it has not ended yet.
     bool running();
 
