@@ -75,6 +75,7 @@ def request_is_no_lock(world):
 
 DISPLAY = ":7"
 PASSWORD = "opensesame"
+LOCK_KEY = "usr/local/bin/velmtest-lock-key"
 # As docs/operations.md gives them. The last two lockers go into the background.
 LOCKERS = ("xss-lock -- i3lock --nofork", "xss-lock -- velm-locked-hint -- i3lock", "velm-locked-hint -- i3lock")
 MANUAL = "usr/share/doc/velmmonitord/operations.md"
@@ -89,7 +90,9 @@ def real_locker(world, command):
     assert f"`{command}`" in world.container.path(MANUAL).read_text(), "the documents give another command"
     by_request = command.startswith("xss-lock")
     program = world.container.path("usr/local/bin/velmtest-session")
-    program.write_text(GRAPHICAL_SESSION % (f"exec {command}" if by_request else "exec sleep infinity"))
+    key = world.container.path(LOCK_KEY)
+    by_key = f"until [ -e /{LOCK_KEY} ]; do sleep 0.2; done\n{command}\nexec sleep infinity"
+    program.write_text(GRAPHICAL_SESSION % (f"exec {command}" if by_request else by_key))
     program.chmod(0o755)
     world.container.run("sh", "-c", f"echo '{world.alice.name}:{PASSWORD}' | chpasswd")
     session = world.alice.log_in_graphically(DISPLAY, "/usr/local/bin/velmtest-session")
@@ -99,11 +102,11 @@ def real_locker(world, command):
             wait_until(lambda: "xss-lock" in world.container.programs(), "xss-lock runs")
             lock_by_locker(world, session, lambda: world.container.run("loginctl", "lock-session", session.number))
         else:
-            lock_by_locker(world, session, lambda: world.alice.run(
-                "sh", "-c", f"setsid {command} > /dev/null 2>&1 &", env={"DISPLAY": DISPLAY}))
+            lock_by_locker(world, session, key.touch)
     finally:
         world.container.run("loginctl", "terminate-session", session.number)
         program.unlink()
+        key.unlink(missing_ok=True)
     wait_until(lambda: "Xvfb" not in world.container.programs(), "the graphical session has ended")
 
 

@@ -44,9 +44,11 @@ bool counts(const SessionProperties& properties) {
     return properties.user == getuid() && properties.kind && canBeLocked(*properties.kind);
 }
 
+// Of remote sessions only those of a remote desktop. A local one of the type "tty" may be one that a desktop
+// was started from.
 bool hasScreen(const SessionProperties& properties) {
     const std::string type = properties.type.value_or("");
-    return type == "x11" || type == "wayland" || type == "mir" || !properties.seat.value_or("").empty();
+    return type == "x11" || type == "wayland" || type == "mir" || !properties.remote.value_or(false);
 }
 
 }  // namespace

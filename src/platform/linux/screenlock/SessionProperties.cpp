@@ -20,13 +20,6 @@ int readText(sd_bus_message* message, std::optional<std::string>& text) {
     return error;
 }
 
-int readSeat(sd_bus_message* message, std::optional<std::string>& seat) {
-    const char* value = "";
-    const int error = sd_bus_message_read(message, "v", "(so)", &value, nullptr);
-    seat = value;
-    return error;
-}
-
 int readFlag(sd_bus_message* message, std::optional<bool>& flag) {
     int value = 0;
     const int error = sd_bus_message_read(message, "v", "b", &value);
@@ -47,8 +40,8 @@ int readValue(sd_bus_message* message, const std::string& name, SessionPropertie
     if (name == "Type") {
         return readText(message, properties.type);
     }
-    if (name == "Seat") {
-        return readSeat(message, properties.seat);
+    if (name == "Remote") {
+        return readFlag(message, properties.remote);
     }
     if (name == "LockedHint") {
         return readFlag(message, properties.lockedHint);

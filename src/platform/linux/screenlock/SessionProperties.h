@@ -14,8 +14,7 @@ struct SessionProperties {
     /// "closing" once the session has ended, while any of its processes lives.
     std::optional<std::string> state;
     std::optional<std::string> type;
-    /// Empty for a session without a seat.
-    std::optional<std::string> seat;
+    std::optional<bool> remote;
     std::optional<bool> lockedHint;
 };
 

@@ -160,9 +160,9 @@ void FakeLogind::answerSession(sd_bus_message* call) {
         const FakeSession& session = found->second;
         sd_bus_message_append(reply.get(), "a{sv}", 7, "Id", "s", found->first.c_str(), "User", "(uo)",
                               session.user, "/org/freedesktop/login1/user/_0", "Type", "s", "tty", "State",
-                              "s", session.state.c_str(), "Seat", "(so)", session.seat.c_str(),
-                              "/org/freedesktop/login1/seat/seat0", "Class", "s", session.kind.c_str(),
-                              "LockedHint", "b", static_cast<int>(session.locked));
+                              "s", session.state.c_str(), "Remote", "b", static_cast<int>(session.remote),
+                              "Class", "s", session.kind.c_str(), "LockedHint", "b",
+                              static_cast<int>(session.locked));
     }
     sd_bus_send(m_bus.get(), reply.get(), nullptr);
 }

@@ -16,7 +16,7 @@ struct FakeSession {
     std::string kind = "user";
     bool locked = false;
     std::string state = "active";
-    std::string seat = "seat0";
+    bool remote = false;
 };
 
 /// A login manager with as much on the bus as the agent uses of it, and misbehaving on request. Lives on the

@@ -35,7 +35,7 @@ FakeSession ownSessionOf(const char* kind) {
     return {getuid(), kind};
 }
 FakeSession ownRemoteSession() {
-    return {getuid(), "user", false, "active", ""};
+    return {getuid(), "user", false, "active", true};
 }
 
 /// A screen saver that owns its name on the session bus, and answers GetActive.
@@ -498,7 +498,7 @@ TEST_F(ScreenLockSourceTest, MakesNothingOfASessionThatIsNonsense) {
     startSource();
     ASSERT_TRUE(waitForQuestions(2));
     int asked = 2;
-    for (const char* name : {"Type", "Seat", "User", "Class", "LockedHint"}) {
+    for (const char* name : {"Type", "Remote", "User", "Class", "LockedHint"}) {
         nonsense(name, "g", "ss");
         m_logind->invalidateHint("s2", true);
         ASSERT_TRUE(waitForQuestions(++asked)) << name;
@@ -780,6 +780,8 @@ TEST_F(ScreenSaverTest, OfAnOwnerThatWasReplacedIsNotHeardAnyMore) {
     former->setActive(true);
     roundTrip(former->bus());
     roundTrip(second->bus());
+    runFor(std::chrono::milliseconds(200));
+    EXPECT_THAT(m_reports, ElementsAre());
     m_saver->setActive(true);
     EXPECT_TRUE(waitForReports(1));
     m_saver->setActive(false);
