@@ -17,10 +17,9 @@ public:
     bool held() const { return m_held; }
     /// Whether somebody set the hint who was killed before clearing it.
     bool isInherited() const;
-    /// Writes down that the hint is ours to clear, or that it is not any more. Where that fails a successor
-    /// takes the hint for that of somebody else, or clears it once more.
-    bool markSet() const;
-    bool markCleared() const;
+    /// Writes down that the hint is ours to clear, or that it is not any more.
+    void markSet() const;
+    void markCleared() const;
 
 private:
     void setSize(off_t size) const;

@@ -645,6 +645,21 @@ TEST_F(ScreenSaverTest, IsNotReportedWhenItVanishesWithItsSession) {
     EXPECT_THAT(m_reports, ElementsAre(true, true));
 }
 
+TEST_F(ScreenSaverTest, IsNotReportedWhenOnlyARemoteShellIsLeft) {
+    m_sessionBus.start();
+    startSaver("org.mate.ScreenSaver");
+    startWithOneSession();
+    m_logind->add("ssh", ownRemoteSession());
+    ASSERT_TRUE(waitForQuestions(2));
+    ASSERT_TRUE(waitUntilAsked());
+    m_saver->setActive(true);
+    ASSERT_TRUE(waitForReports(1));
+    m_logind->remove("s1");
+    m_saver.reset();
+    runFor(std::chrono::milliseconds(2500));
+    EXPECT_THAT(m_reports, ElementsAre(true));
+}
+
 TEST_F(ScreenSaverTest, IsStillLockedWhenItIsBackInTime) {
     m_sessionBus.start();
     startSaver("org.mate.ScreenSaver");
