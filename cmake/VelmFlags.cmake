@@ -4,7 +4,8 @@
 find_package(Threads REQUIRED)
 find_program(VELM_CCACHE ccache)
 if(VELM_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-    set(CMAKE_CXX_COMPILER_LAUNCHER "${VELM_CCACHE}")
+    # Without these two words ccache leaves everything that uses a precompiled header to the compiler.
+    set(CMAKE_CXX_COMPILER_LAUNCHER env CCACHE_SLOPPINESS=pch_defines,time_macros "${VELM_CCACHE}")
 endif()
 
 set(CMAKE_CXX_STANDARD 17)
