@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "common/BaseTimerImpl.h"
+#include "common/TimerSlack.h"
 
 namespace cmn {
 
@@ -103,6 +104,7 @@ void BaseTimer::collectTask() {
 }
 
 void BaseTimer::timerAsyncTask() {
+    waitPunctually();
     std::unique_lock<std::mutex> lock(m_impl->m_mutex);
     m_impl->m_inTask.exchange(true);
     while (m_impl->m_active.load()) {

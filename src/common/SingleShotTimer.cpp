@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "common/SingleShotTimerImpl.h"
+#include "common/TimerSlack.h"
 
 namespace cmn {
 
@@ -101,6 +102,7 @@ void SingleShotTimer::endWorker() {
 }
 
 void SingleShotTimer::timerWorker(SingleShotTimerImpl& impl) {
+    waitPunctually();
     while (!impl.m_stopped) {
         // Why a wait ended does not matter: whatever happened, the queue tells what is due now.
         if (const auto dueTime = calculateWaitTime(impl)) {
