@@ -1,4 +1,5 @@
-// What bench/instructions counts, as often as it is asked to. Usage: bench_instructions line|timer NUMBER FILE
+// What bench/instructions counts, as often as it is asked to. Usage: bench_instructions line|timer NUMBER
+// FILE
 
 #include <chrono>
 #include <cstdio>
