@@ -1,15 +1,21 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <memory>
 #include <string>
 
 #include "link/support/ChildProcess.h"
+#include "link/support/SystemLogSocket.h"
 #include "link/support/TempDirectory.h"
 
 namespace link_tests {
 
 /// A message bus of the test's own with the limits of a system bus. Its policy permits everything to everyone
 /// on purpose: what the agent refuses, it must refuse by itself.
+///
+/// It is a dbus-daemon or, where the environment has VELM_TEST_BUS=dbus-broker, a dbus-broker, started as
+/// systemd starts it: with a listening socket and a journal to write to.
 class PrivateBus {
 public:
     /// Fixes the address; nothing listens there before `start`.
@@ -20,17 +26,27 @@ public:
 
     /// Returns once the bus listens. May follow a `stop`, at the same address.
     void start();
+    static bool isBroker();
+
     /// Ends the bus at once; all its connections are lost.
     void stop();
     /// Lets the bus take nothing and give nothing until `thaw`, with all connections kept.
     void freeze();
     void thaw();
+    /// Whether the bus has the file that is `descriptor` here.
+    bool holds(int descriptor) const;
 
 private:
+    void startDaemon();
+    void startBroker();
+    /// The process that carries the messages.
+    pid_t carrier() const;
+
     TempDirectory m_directory;
     std::string m_socketPath;
     std::string m_address;
     std::string m_configPath;
+    std::unique_ptr<SystemLogSocket> m_journal;
     std::unique_ptr<ChildProcess> m_process;
 };
 

@@ -3,6 +3,8 @@
 #include <pwd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
@@ -11,6 +13,7 @@
 
 #include "linux/DBusAgent.h"
 #include "linux/DaemonCalls.h"
+#include "platform/linux/bus/OpenBus.h"
 #include "platform/linux/link/WireNames.h"
 
 namespace sim {
@@ -28,24 +31,13 @@ std::string describe(const BusOptions& options) {
     return options.session ? "the session bus" : "the system bus";
 }
 
-int openAddress(sd_bus** bus, const std::string& address) {
-    int result = sd_bus_new(bus);
-    if (result >= 0) {
-        result = sd_bus_set_address(*bus, address.c_str());
-    }
-    if (result >= 0) {
-        result = sd_bus_set_bus_client(*bus, 1);
-    }
-    return result < 0 ? result : sd_bus_start(*bus);
-}
-
 BusHandle openBus(const BusOptions& options) {
     sd_bus* raw = nullptr;
     int result = 0;
     if (!options.address.empty()) {
-        result = openAddress(&raw, options.address);
+        result = platform::openBusAt(options.address, &raw);
     } else {
-        result = options.session ? sd_bus_open_user(&raw) : sd_bus_open_system(&raw);
+        result = options.session ? platform::openUserBus(&raw) : platform::openSystemBus(&raw);
     }
     BusHandle bus(raw);
     const char* uniqueName = nullptr;
@@ -132,6 +124,18 @@ void DaemonService::requestName() {
     checked(result, "own " + name);
     if (result == 0) {
         m_timeline.note({"daemon"}, "waiting", "for " + name + ", which another program owns");
+    }
+}
+
+void DaemonService::sendTheRest() {
+    using std::chrono::steady_clock;
+    const auto end = steady_clock::now() + std::chrono::seconds(5);
+    std::uint64_t unwritten = 0;
+    while (sd_bus_get_n_queued_write(m_bus.get(), &unwritten) >= 0 && unwritten > 0 && steady_clock::now() < end) {
+        constexpr std::uint64_t wait = 100000;  // microseconds
+        if (sd_bus_process(m_bus.get(), nullptr) < 0 || sd_bus_wait(m_bus.get(), wait) < 0) {
+            return;
+        }
     }
 }
 

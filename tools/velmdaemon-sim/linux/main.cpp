@@ -57,12 +57,13 @@ int serve(const Options& options) {
             delays.after(delay, std::move(work));
         },
         [&event] { sd_event_exit(event.get(), static_cast<int>(ExitStatus::AsAsked)); });
-    const DaemonService service(event.get(), options.bus, standIn, timeline, delays);
+    DaemonService service(event.get(), options.bus, standIn, timeline, delays);
     const InputLines input(event.get(), LineSplitter([&](std::string_view line) {
                                standIn.execute(line);
                                return true;
                            }));
     const int status = checked(sd_event_loop(event.get()), "run the event loop");
+    service.sendTheRest();
     return status == 0 && !standIn.allDone() ? static_cast<int>(ExitStatus::NotDone) : status;
 }
 

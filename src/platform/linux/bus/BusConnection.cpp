@@ -1,7 +1,6 @@
 #include "platform/linux/bus/BusConnection.h"
 
 #include <cerrno>
-#include <cstdint>
 #include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
@@ -9,10 +8,6 @@
 
 namespace platform {
 namespace {
-
-// Whoever answers late answers all the same, and a bus reports a peer that went away; a time-out would only
-// wake us.
-constexpr std::uint64_t noTimeout = UINT64_MAX;
 
 bool namesNoBus(int error) {
     return error == -ENOMEDIUM || error == -ENXIO;
@@ -52,10 +47,7 @@ int BusConnection::tryOpen() {
 
 int BusConnection::prepare() {
     sd_bus* const bus = m_bus.get();
-    int error = sd_bus_set_method_call_timeout(bus, noTimeout);
-    if (error >= 0) {
-        error = sd_bus_attach_event(bus, m_loop, SD_EVENT_PRIORITY_NORMAL);
-    }
+    int error = sd_bus_attach_event(bus, m_loop, SD_EVENT_PRIORITY_NORMAL);
     if (error >= 0) {
         // The library posts this one itself, so nobody on the bus can forge it.
         error = sd_bus_match_signal_async(

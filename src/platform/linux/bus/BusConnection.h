@@ -12,7 +12,7 @@ namespace platform {
 /// Never blocks on the bus. Everything on the loop's thread.
 class BusConnection {
 public:
-    /// sd_bus_open_system or sd_bus_open_user.
+    /// openSystemBus or openUserBus.
     using Open = int (*)(sd_bus** bus);
     struct Handlers {
         /// A connection is being made: matches and calls may be queued on `bus`, which lives until `lost`.

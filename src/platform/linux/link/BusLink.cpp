@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/LossPacing.h"
+#include "platform/linux/bus/OpenBus.h"
 #include "platform/linux/link/WireNames.h"
 #include "platform/linux/process/OutHandle.h"
 #include "platform/linux/runloop/PrivateThreads.h"
@@ -164,12 +165,10 @@ void BusLink::send(const XpcMethod& method, std::size_t payload, const AppendArg
 }
 
 bool BusLink::openBus() {
-    if (sd_bus_open_system_with_description(OutHandle(m_bus), "velmmonitord") < 0) {
+    if (openSystemBus(OutHandle(m_bus)) < 0) {
         return false;
     }
     sd_bus* const bus = m_bus.get();
-    // A bus that answers late answers all the same; a question given up would never be asked again.
-    sd_bus_set_method_call_timeout(bus, withoutTimeout);
     if (m_exportedProtocol != nullptr) {
         m_vtable.emplace(*m_exportedProtocol, onCall);
         if (sd_bus_add_object_vtable(bus, OutHandle(m_exportedSlot), dbus::agentObjectPath,

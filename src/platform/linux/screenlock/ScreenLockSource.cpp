@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/linux/bus/OpenBus.h"
+
 namespace platform {
 namespace {
 
@@ -22,9 +24,9 @@ ScreenLockSource::ScreenLockSource(sd_event* loop, std::function<void(bool locke
       m_sessions(m_state),
       m_savers(m_state),
       m_sessionBusSocket(loop, [this] { sessionBusAppeared(); }),
-      m_systemBus(loop, &sd_bus_open_system, systemBusRetry,
+      m_systemBus(loop, &openSystemBus, systemBusRetry,
                   {[this](sd_bus* bus) { m_sessions.open(bus); }, [this] { m_sessions.close(); }}),
-      m_sessionBus(loop, &sd_bus_open_user, sessionBusRetry,
+      m_sessionBus(loop, &openUserBus, sessionBusRetry,
                    {[this](sd_bus* bus) { sessionBusOpened(bus); }, [this] { sessionBusLost(); },
                     [this] { return awaitSessionBus(); }}),
       m_attemptsLeft(attemptsAfterAppearance) {
