@@ -120,6 +120,20 @@ protected:
         return agentAt(arrived ? daemon.calls().back().sender : "");
     }
 
+    /// The name of this process's other connection, which no message need have come from.
+    std::string nameOfAgent(BusPeer& observer) {
+        std::string name;
+        EXPECT_TRUE(await([&] {
+            for (const std::string& candidate : observer.namesOf(getpid())) {
+                if (candidate != observer.uniqueName()) {
+                    name = candidate;
+                }
+            }
+            return !name.empty();
+        }));
+        return name;
+    }
+
     static BusTarget agentAt(const std::string& name) {
         return {name, platform::dbus::agentObjectPath, platform::dbus::interfaceName(xpcAgentProtocol)};
     }
@@ -241,32 +255,76 @@ TEST_F(ConnectionOnABus, RefusesWhoeverIsNotTheDaemon) {
     EXPECT_EQ(agent->calls(), std::vector<std::string>{"logLevel 3"});
 }
 
-TEST_F(ConnectionOnABus, RefusesADaemonThatRunsAsAnotherUser) {
+TEST_F(ConnectionOnABus, RefusesADaemonThatRunsAsAnotherUserAndTellsItNothing) {
     auto daemon = newDaemon(nobody);
     auto connection = resumed();
-    const BusTarget target = linkUp(*connection, *daemon);
+    const BusTarget target = agentAt(nameOfAgent(*daemon));
+    connection->remoteObjectProxy()->connect();
+    connection->remoteObjectProxy()->onScreenLocked(true);
+    EXPECT_EQ(daemon->call(target, "connected", "b", 1).error, "org.freedesktop.DBus.Error.AccessDenied");
+    // It is asked for again with each message; an answer has come by then.
+    connection->remoteObjectProxy()->onScreenLocked(false);
     EXPECT_EQ(daemon->call(target, "connected", "b", 1).error, "org.freedesktop.DBus.Error.AccessDenied");
     EXPECT_TRUE(agent->calls().empty());
+    EXPECT_TRUE(daemon->calls().empty());
+}
+
+TEST_F(ConnectionOnABus, HoldsCallsUntilItHasSentSomething) {
+    auto daemon = newDaemon();
+    auto connection = resumed();
+    const BusTarget target = agentAt(nameOfAgent(*daemon));
+    daemon->send(target, "connected", "b", 1);
+    daemon->send(target, "logLevel", "x", std::int64_t{1});
+    // The refusal comes in its turn, so those before it were seen.
+    EXPECT_EQ(daemon->call(target, "nonsense", "").error, "org.freedesktop.DBus.Error.UnknownMethod");
+    EXPECT_EQ(agent->calls(), std::vector<std::string>{});
+    connection->remoteObjectProxy()->connect();
+    daemon->send(target, "logLevel", "x", std::int64_t{2});
+    ASSERT_TRUE(await([&] { return agent->calls().size() == 3; }));
+    EXPECT_EQ(agent->calls(), (std::vector<std::string>{"connected 1", "logLevel 1", "logLevel 2"}));
+}
+
+TEST_F(ConnectionOnABus, HoldsNoMoreCallsThanADaemonInAHurryMakes) {
+    auto daemon = newDaemon();
+    auto connection = resumed();
+    const BusTarget target = agentAt(nameOfAgent(*daemon));
+    for (int i = 0; i < 128; ++i) {
+        daemon->send(target, "logLevel", "x", std::int64_t{i});
+    }
+    EXPECT_EQ(daemon->call(target, "connected", "b", 1).error, "org.freedesktop.DBus.Error.LimitsExceeded");
+    connection->remoteObjectProxy()->connect();
+    EXPECT_TRUE(await([&] { return agent->calls().size() == 128; }));
+    EXPECT_TRUE(daemon->call(target, "connected", "b", 1).ok());
+}
+
+TEST_F(ConnectionOnABus, HoldsNoMoreBytesThanTwoLargeCallsHave) {
+    auto daemon = newDaemon();
+    auto connection = resumed();
+    const BusTarget target = agentAt(nameOfAgent(*daemon));
+    const std::vector<char> bytes(std::size_t{20} << 20U, 'x');
+    const auto newCall = [&] {
+        auto message = daemon->newCall(target, "putMessage");
+        EXPECT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
+        return message;
+    };
+    for (int i = 0; i < 3; ++i) {
+        daemon->send(newCall());
+    }
+    EXPECT_EQ(daemon->call(newCall()).error, "org.freedesktop.DBus.Error.LimitsExceeded");
+    connection->remoteObjectProxy()->connect();
+    EXPECT_TRUE(await([&] { return agent->calls().size() == 3; }));
 }
 
 TEST_F(ConnectionOnABus, KeepsCallsThatComeBeforeTheBusSaidWhoRunsTheDaemon) {
     auto connection = resumed();
+    connection->remoteObjectProxy()->connect();
     BusPeer daemon(bus.address(), 0);
-    std::string name;
-    ASSERT_TRUE(await([&] {
-        const auto names = daemon.namesOf(getpid());
-        for (const std::string& candidate : names) {
-            if (candidate != daemon.uniqueName()) {
-                name = candidate;
-            }
-        }
-        return !name.empty();
-    }));
+    const BusTarget target = agentAt(nameOfAgent(daemon));
     // In one go, so that the bus passes the call on before it can answer the agent's question about its
     // sender.
     daemon.send(link_tests::busDriver, "RequestName", "su", "com.brovik.velmdaemon", 0U);
-    daemon.send(agentAt(name), "logLevel", "x", std::int64_t{1});
-    daemon.send(agentAt(name), "logLevel", "x", std::int64_t{2});
+    daemon.send(target, "logLevel", "x", std::int64_t{1});
+    daemon.send(target, "logLevel", "x", std::int64_t{2});
     ASSERT_TRUE(await([&] { return agent->calls().size() == 2; }));
     EXPECT_EQ(agent->calls(), (std::vector<std::string>{"logLevel 1", "logLevel 2"}));
 }
@@ -274,17 +332,9 @@ TEST_F(ConnectionOnABus, KeepsCallsThatComeBeforeTheBusSaidWhoRunsTheDaemon) {
 TEST_F(ConnectionOnABus, DeniesCallsThatCameBeforeTheBusSaidThatAStrangerRunsTheDaemon) {
     auto connection = resumed();
     BusPeer daemon(bus.address(), nobody);
-    std::string name;
-    ASSERT_TRUE(await([&] {
-        for (const std::string& candidate : daemon.namesOf(getpid())) {
-            if (candidate != daemon.uniqueName()) {
-                name = candidate;
-            }
-        }
-        return !name.empty();
-    }));
+    const BusTarget target = agentAt(nameOfAgent(daemon));
     daemon.send(link_tests::busDriver, "RequestName", "su", "com.brovik.velmdaemon", 0U);
-    EXPECT_EQ(daemon.call(agentAt(name), "logLevel", "x", std::int64_t{1}).error,
+    EXPECT_EQ(daemon.call(target, "logLevel", "x", std::int64_t{1}).error,
               "org.freedesktop.DBus.Error.AccessDenied");
     EXPECT_TRUE(agent->calls().empty());
 }

@@ -32,10 +32,12 @@ protected:
         return lines;
     }
 
-    /// The agent's connection to a bus on which no daemon has ever been.
-    std::string agentsNameWithoutDaemon(BusPeer& observer) {
+    /// The agent's connection that carries the link, whether or not there is a daemon: root finds it by
+    /// looking.
+    std::string agentsName() {
         std::vector<std::string> names;
         EXPECT_TRUE(agent->log().awaitCount(message::tick, 1));
+        BusPeer observer(bus.address(), 0);
         for (const std::string& name : observer.namesOf(agent->pid())) {
             if (observer.call({name, agentPath, "org.freedesktop.DBus.Introspectable"}, "Introspect", "")
                     .text.find(agentInterface) != std::string::npos) {
@@ -81,7 +83,7 @@ TEST_F(LinkIntruder, NobodyIsHeardWhileThereIsNoDaemon) {
     bus.start();
     startAgent();
     BusPeer caller(bus.address(), 0);
-    const std::string name = agentsNameWithoutDaemon(caller);
+    const std::string name = agentsName();
     expectAllCallsRefused(caller, {name, agentPath, agentInterface});
 
     daemon = std::make_unique<FakeDaemon>(bus.address());
@@ -94,11 +96,13 @@ TEST_F(LinkIntruder, AnOwnerOfTheDaemonsNameWhoIsNeitherRootNorTheAgentsUserIsDe
     bus.start();
     FakeDaemon impostor(bus.address(), intruderUser);
     startAgent();
-    ASSERT_TRUE(impostor.awaitConnects(1));
-    expectAllCallsRefused(impostor.peer(), impostor.agentTarget());
-    // Denied, it has not stopped the ticks.
-    ASSERT_TRUE(impostor.awaitConnects(impostor.connects() + 2));
+    const BusTarget target{agentsName(), agentPath, agentInterface};
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 1));
+    expectAllCallsRefused(impostor.peer(), target);
+    // Denied, it has not stopped the ticks; and it is told nothing.
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 3));
     EXPECT_EQ(agent->log().count(message::connected), 0U);
+    EXPECT_TRUE(impostor.peer().calls().empty());
 
     daemon = std::make_unique<FakeDaemon>(bus.address());
     EXPECT_TRUE(confirmLink(*daemon));
@@ -124,10 +128,12 @@ TEST_F(LinkIntruder, ADaemonThatWasReplacedIsDenied) {
 TEST_F(LinkIntruder, AnyUserMayOwnTheNameForAMomentWithoutBeingHeardLater) {
     bus.start();
     startLinked();
+    const std::size_t before = agent->log().count(message::xpcRuns);
     FakeDaemon impostor(bus.address(), intruderUser);
-    ASSERT_TRUE(impostor.awaitConnects(1));
+    ASSERT_TRUE(agent->log().awaitCount(message::xpcRuns, before + 1));
     const std::size_t mark = agent->log().mark();
-    expectAllCallsRefused(impostor.peer(), impostor.agentTarget());
+    expectAllCallsRefused(impostor.peer(), {agentsName(), agentPath, agentInterface});
+    EXPECT_TRUE(impostor.peer().calls().empty());
     impostor.crash();
 
     FakeDaemon successor(bus.address());
@@ -139,7 +145,7 @@ TEST_F(LinkIntruder, ACallRightAfterTheDaemonAppearedWaitsUntilItsUserIsKnown) {
     bus.start();
     startAgent();
     BusPeer early(bus.address(), 0);
-    const std::string name = agentsNameWithoutDaemon(early);
+    const std::string name = agentsName();
     // Both on their way before the agent can have asked anything about the new owner.
     early.send(busDriver, "RequestName", "su", daemonName, 0);
     early.send({name, agentPath, agentInterface}, "logLevel", "x", std::int64_t{1});
@@ -168,7 +174,7 @@ TEST_F(LinkIntruder, AForgedAppearanceOfTheDaemonIsIgnored) {
     bus.start();
     startAgent();
     Intruder intruder(bus.address(), intruderUser);
-    const std::string name = agentsNameWithoutDaemon(intruder.peer());
+    const std::string name = agentsName();
     intruder.aimAt(agent->pid());
     intruder.forgeNameOwnerChanged(daemonName, "", intruder.peer().uniqueName().c_str());
     intruder.delivered();

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -131,7 +130,8 @@ void DaemonService::sendTheRest() {
     using std::chrono::steady_clock;
     const auto end = steady_clock::now() + std::chrono::seconds(5);
     std::uint64_t unwritten = 0;
-    while (sd_bus_get_n_queued_write(m_bus.get(), &unwritten) >= 0 && unwritten > 0 && steady_clock::now() < end) {
+    while (sd_bus_get_n_queued_write(m_bus.get(), &unwritten) >= 0 && unwritten > 0 &&
+           steady_clock::now() < end) {
         constexpr std::uint64_t wait = 100000;  // microseconds
         if (sd_bus_process(m_bus.get(), nullptr) < 0 || sd_bus_wait(m_bus.get(), wait) < 0) {
             return;

@@ -28,8 +28,8 @@ public:
     DaemonService& operator=(DaemonService&&) = delete;
     ~DaemonService() = default;
 
-    /// Once the loop has ended: sends what was still to be sent, for as long as the bus takes it, but waits no longer
-    /// than a few seconds for a bus that does not.
+    /// Once the loop has ended: sends what was still to be sent, for as long as the bus takes it, but waits
+    /// no longer than a few seconds for a bus that does not.
     void sendTheRest();
 
 private:

@@ -19,16 +19,27 @@ std::string senderOf(sd_bus_message* message) {
 }  // namespace
 
 BusNameOwner::BusNameOwner(sd_bus* bus, std::string name,
-                           std::function<void(const std::string& owner)> changed)
-    : m_name(std::move(name)), m_changed(std::move(changed)) {
+                           std::function<void(const std::string& owner)> changed, Tell tell)
+    : m_bus(bus),
+      m_name(std::move(name)),
+      m_changed(std::move(changed)),
+      m_tellNext(tell == Tell::FirstAnswerToo) {
     const std::string rule = std::string("type='signal',sender='") + busName + "',path='" + busPath +
                              "',interface='" + busName + "',member='NameOwnerChanged',arg0='" + m_name + "'";
     // The match comes first, so that no change falls between the answer and the first signal.
     sd_bus_add_match_async(bus, OutHandle(m_match), rule.c_str(),
                            &busCallback<&BusNameOwner::ownerChanged, BusNameOwner>, nullptr, this);
-    sd_bus_call_method_async(bus, OutHandle(m_question), busName, busPath, busName, "GetNameOwner",
-                             &busCallback<&BusNameOwner::ownerAnswered, BusNameOwner>, this, "s",
-                             m_name.c_str());
+    ask();
+}
+
+void BusNameOwner::ask() {
+    m_askAgain = m_asking;
+    if (!m_asking) {
+        m_asking =
+            sd_bus_call_method_async(m_bus, OutHandle(m_question), busName, busPath, busName, "GetNameOwner",
+                                     &busCallback<&BusNameOwner::ownerAnswered, BusNameOwner>, this, "s",
+                                     m_name.c_str()) >= 0;
+    }
 }
 
 bool BusNameOwner::sent(sd_bus_message* message) const {
@@ -46,15 +57,23 @@ void BusNameOwner::ownerChanged(sd_bus_message* message) {
 }
 
 void BusNameOwner::ownerAnswered(sd_bus_message* message) {
+    m_asking = false;
+    if (m_askAgain) {
+        ask();
+    }
     const char* owner = nullptr;
-    // The error answer is that nobody owns the name.
-    const bool owned = sd_bus_message_is_method_error(message, nullptr) == 0 &&
-                       sd_bus_message_read(message, "s", &owner) >= 0;
-    take(owned ? owner : "");
+    if (sd_bus_message_is_method_error(message, SD_BUS_ERROR_NAME_HAS_NO_OWNER) > 0) {
+        take("");
+    } else if (sd_bus_message_is_method_error(message, nullptr) == 0 &&
+               sd_bus_message_read(message, "s", &owner) >= 0) {
+        take(owner);
+    }
+    // Any other error says nothing about the owner.
 }
 
 void BusNameOwner::take(const std::string& owner) {
-    if (owner != m_owner) {
+    if (owner != m_owner || m_tellNext) {
+        m_tellNext = false;
         m_owner = owner;
         m_changed(m_owner);
     }

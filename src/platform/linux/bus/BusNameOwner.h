@@ -13,9 +13,13 @@ namespace platform {
 /// so whoever handles a signal asks sent() first. Lives at most as long as the bus; on its thread.
 class BusNameOwner {
 public:
+    /// Whether the first answer is told if nobody owns the name.
+    enum class Tell { ChangesOnly, FirstAnswerToo };
+
     /// `changed` is called with each new owner's unique name, empty for nobody, also with the first if there
     /// is one. It must not destroy this object.
-    BusNameOwner(sd_bus* bus, std::string name, std::function<void(const std::string& owner)> changed);
+    BusNameOwner(sd_bus* bus, std::string name, std::function<void(const std::string& owner)> changed,
+                 Tell tell = Tell::ChangesOnly);
     ~BusNameOwner() = default;
     BusNameOwner(const BusNameOwner&) = delete;
     BusNameOwner& operator=(const BusNameOwner&) = delete;
@@ -23,16 +27,25 @@ public:
     /// Whether `message` comes from the present owner.
     bool sent(sd_bus_message* message) const;
 
+    /// Asks the bus again. A bus drops a signal of its own that the queue of its receiver has no room for, so
+    /// whoever must not miss a change asks now and then. One question is under way at a time; asked
+    /// meanwhile, it is put once more, so that an answer is always younger than the last time of asking.
+    void ask();
+
 private:
     void ownerChanged(sd_bus_message* message);
     void ownerAnswered(sd_bus_message* message);
     void take(const std::string& owner);
 
+    sd_bus* m_bus;
     std::string m_name;
     std::string m_owner;
     std::function<void(const std::string&)> m_changed;
     SlotHandle m_match;
     SlotHandle m_question;
+    bool m_tellNext;
+    bool m_asking = false;
+    bool m_askAgain = false;
 };
 
 }  // namespace platform

@@ -1,9 +1,8 @@
 #include "platform/linux/link/AgentCalls.h"
 
 #include <array>
-#include <cstdint>
+#include <cstring>
 #include <string>
-#include <vector>
 
 namespace platform {
 namespace {
@@ -24,9 +23,8 @@ AgentCall readData(sd_bus_message* message, void (XpcAgentProtocol::*operation)(
     if (sd_bus_message_read_array(message, 'y', &bytes, &length) < 0) {
         return nullptr;
     }
-    const char* begin = static_cast<const char*>(bytes);
-    return [operation, copy = std::vector<char>(begin, begin + length)](XpcAgentProtocol& agent) {
-        (agent.*operation)(XpcData{copy.data(), copy.size()});
+    return [operation, data = XpcData{static_cast<const char*>(bytes), length}](XpcAgentProtocol& agent) {
+        (agent.*operation)(data);
     };
 }
 
@@ -43,9 +41,8 @@ AgentCall readInitRmm(sd_bus_message* message) {
     if (sd_bus_message_read(message, "sssss", &texts[0], &texts[1], &texts[2], &texts[3], &texts[4]) < 0) {
         return nullptr;
     }
-    return [copies = std::array<std::string, 5>{texts[0], texts[1], texts[2], texts[3], texts[4]}](
-               XpcAgentProtocol& agent) {
-        agent.initRmmMessage(copies[0], copies[1], copies[2], copies[3], copies[4]);
+    return [texts](XpcAgentProtocol& agent) {
+        agent.initRmmMessage(texts[0], texts[1], texts[2], texts[3], texts[4]);
     };
 }
 
@@ -73,8 +70,28 @@ constexpr std::array<Decoder, xpcAgentProtocol.methodCount> decoders{
 }  // namespace
 
 AgentCall decodeAgentCall(const XpcMethod& method, sd_bus_message* message) {
-    const auto index = static_cast<std::size_t>(&method - xpcAgentProtocol.methods);
-    return decoders.at(index)(message);
+    for (std::size_t index = 0; index < decoders.size(); ++index) {
+        if (xpcAgentProtocol.methods[index].selector == method.selector) {
+            return decoders.at(index)(message);
+        }
+    }
+    return nullptr;
+}
+
+std::size_t payloadOf(sd_bus_message* message) {
+    std::size_t payload = 0;
+    const void* bytes = nullptr;
+    if (sd_bus_message_has_signature(message, "ay") > 0) {
+        sd_bus_message_read_array(message, 'y', &bytes, &payload);
+    } else {
+        const char* text = nullptr;
+        while (sd_bus_message_peek_type(message, nullptr, nullptr) > 0 &&
+               sd_bus_message_read_basic(message, 's', &text) > 0) {
+            payload += std::strlen(text);
+        }
+    }
+    sd_bus_message_rewind(message, 1);
+    return payload;
 }
 
 }  // namespace platform

@@ -3,48 +3,63 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
 #include "platform/linux/process/OutHandle.h"
 
 namespace platform {
 
-void DaemonOwner::start(sd_bus* bus, const std::string& serviceName) {
-    m_bus = bus;
-    m_owner.emplace(bus, serviceName, [this](const std::string& uniqueName) { ownerChanged(uniqueName); });
+DaemonOwner::DaemonOwner(sd_bus* bus, const std::string& serviceName, Callbacks callbacks)
+    : m_bus(bus),
+      m_callbacks(std::move(callbacks)),
+      m_owner(
+          bus, serviceName, [this](const std::string& uniqueName) { ownerTold(uniqueName); },
+          BusNameOwner::Tell::FirstAnswerToo) {}
+
+void DaemonOwner::doubt() {
+    m_owner.ask();
+    if (m_trust == Trust::Undecided) {
+        askUser();
+    }
 }
 
-void DaemonOwner::stop() {
-    m_userQuery.reset();
-    m_owner.reset();
-    m_owned = false;
-    m_trust = Trust::Unknown;
-    m_bus = nullptr;
-}
-
-void DaemonOwner::ownerChanged(const std::string& uniqueName) {
-    const bool lost = m_owned;
-    m_owned = !uniqueName.empty();
-    m_trust = Trust::Unknown;
+void DaemonOwner::ownerTold(const std::string& uniqueName) {
+    const bool lost = !m_uniqueName.empty();
+    m_uniqueName = uniqueName;
     // An answer about the one before must not be taken for this one's.
-    m_userQuery.reset();
-    if (m_owned) {
-        sd_bus_call_method_async(m_bus, OutHandle(m_userQuery), "org.freedesktop.DBus",
-                                 "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetConnectionUnixUser",
-                                 &busCallback<&DaemonOwner::userAnswered, DaemonOwner>, this, "s",
-                                 uniqueName.c_str());
+    m_userQuestion.reset();
+    if (uniqueName.empty()) {
+        decide(Trust::Nobody);
+    } else {
+        askUser();
     }
     if (lost) {
         m_callbacks.lost();
     }
 }
 
-void DaemonOwner::userAnswered(sd_bus_message* message) {
+void DaemonOwner::askUser() {
+    m_trust = Trust::Asking;
+    sd_bus_call_method_async(m_bus, OutHandle(m_userQuestion), "org.freedesktop.DBus",
+                             "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetConnectionUnixUser",
+                             &busCallback<&DaemonOwner::userTold, DaemonOwner>, this, "s",
+                             m_uniqueName.c_str());
+}
+
+void DaemonOwner::userTold(sd_bus_message* message) {
     std::uint32_t user = 0;
-    const bool known = sd_bus_message_is_method_error(message, nullptr) == 0 &&
-                       sd_bus_message_read(message, "u", &user) >= 0;
-    m_trust = known && (user == 0 || user == getuid()) ? Trust::Trusted : Trust::Untrusted;
-    m_callbacks.trustDecided();
+    if (sd_bus_message_is_method_error(message, nullptr) != 0 ||
+        sd_bus_message_read(message, "u", &user) < 0) {
+        decide(Trust::Undecided);
+    } else {
+        decide(user == 0 || user == getuid() ? Trust::Trusted : Trust::Untrusted);
+    }
+}
+
+void DaemonOwner::decide(Trust trust) {
+    m_trust = trust;
+    m_callbacks.decided();
 }
 
 }  // namespace platform

@@ -140,6 +140,10 @@ std::string interfaceXml(const XpcProtocol& protocol) {
     return out.str();
 }
 
+std::string parentXml(const std::string& child) {
+    return std::string(introspectionDoctype) + "<node>\n <node name=\"" + child + "\"/>\n</node>\n";
+}
+
 ProtocolVTable::ProtocolVTable(const XpcProtocol& protocol, sd_bus_message_handler_t handler)
     : m_entries(protocol.methodCount + 2) {
     sd_bus_vtable& start = m_entries.front();

@@ -32,6 +32,9 @@ const XpcMethod* findMember(const XpcProtocol& protocol, const char* member);
 /// The interface of `protocol` as a document of the D-Bus introspection format, ending in a line feed.
 std::string interfaceXml(const XpcProtocol& protocol);
 
+/// What introspection says of an object that has only the child `child`.
+std::string parentXml(const std::string& child);
+
 /// A table for sd_bus_add_object_vtable with every method of a protocol, all handled by one function, which
 /// tells them apart with `findMember`. The methods are open to unprivileged callers: sd-bus's own test would
 /// admit root only, and who may call is for the handler to decide.

@@ -10,13 +10,13 @@ namespace {
 
 /// A connection is a handle on its link: releasing the one ends the other, while the link's own thread and
 /// proxies that are still held may outlive it.
-class BusConnection : public IXpcConnection {
+class LinkConnection : public IXpcConnection {
 public:
-    explicit BusConnection(const std::string& serviceName)
+    explicit LinkConnection(const std::string& serviceName)
         : m_link(std::make_shared<BusLink>(serviceName)), m_proxy(createDaemonProxy(m_link)) {}
-    ~BusConnection() override { m_link->release(); }
-    BusConnection(const BusConnection&) = delete;
-    BusConnection& operator=(const BusConnection&) = delete;
+    ~LinkConnection() override { m_link->release(); }
+    LinkConnection(const LinkConnection&) = delete;
+    LinkConnection& operator=(const LinkConnection&) = delete;
 
     void setRemoteObjectInterface(const XpcProtocol& protocol) override {
         m_link->setRemoteProtocol(protocol);
@@ -44,7 +44,7 @@ private:
 std::shared_ptr<IXpcConnection> createXpcConnection(const std::string& serviceName,
                                                     XpcConnectionOptions /*options*/) {
     // The one option there is asks for the system's domain, which is the only bus that a link uses.
-    return std::make_shared<BusConnection>(serviceName);
+    return std::make_shared<LinkConnection>(serviceName);
 }
 
 }  // namespace platform
