@@ -113,6 +113,7 @@ TEST_F(SyscallFaults, OneCallFails) {
     const auto asked = std::chrono::steady_clock::now();
     const std::string end = survived ? agent->terminate() : agent->awaitEnd();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - asked;
+    agent->signal(SIGKILL);
     trap->finish();
     for (const std::string& line : agent->errors().rawLines()) {
         std::cout << "error " << line << "\n";

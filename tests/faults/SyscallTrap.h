@@ -1,5 +1,6 @@
 #pragma once
 
+#include <linux/seccomp.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -43,7 +44,7 @@ private:
 
     void supervise();
     int takeListener() const;
-    int errorFor(int number, unsigned long long first, unsigned long long second);
+    int errorFor(const seccomp_data& call);
 
     SyscallFault m_fault;
     Shared* m_shared;
