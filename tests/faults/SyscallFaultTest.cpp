@@ -34,20 +34,24 @@ protected:
         startAgent();
     }
 
-    /// Answers each `connect` until an answer was taken: the fault may have hit the connection that asked.
+    /// Answers each `connect` until the agent asks no more: the fault may have hit the connection that asked,
+    /// and the answer to the answer, and the log.
     bool link() {
+        const std::size_t known = agent->log().count(message::connected);
         std::size_t answered = 0;
         bool taken = false;
         await(
             [&] {
                 if (agent->running() && daemon->connects() > answered) {
                     answered = daemon->connects();
-                    taken = daemon->confirm().ok();
+                    daemon->send("connected", "b", 1);
+                    await([&] { return agent->log().count(message::connected) > known; }, milliseconds(2500));
+                    taken = daemon->connects() == answered;
                 }
                 return taken || !agent->running();
             },
             patience);
-        return taken;
+        return taken && agent->running();
     }
 
     /// Something that the daemon must hear of.
