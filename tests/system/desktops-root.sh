@@ -7,10 +7,7 @@ here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 roots=$here/../roots
 release=$1
 cache=${VELM_CACHE_DIR:-/var/cache/velmmonitord-tests}
-packages=(i3lock xss-lock mate-screensaver cinnamon-screensaver sway swaylock xvfb xdotool x11-utils xfonts-base
-    dbus-x11 dconf-gsettings-backend)
-# Debian 12 has none of its own.
-[[ $release == bookworm ]] || packages+=(xfce4-screensaver xfconf)
+packages=(i3lock xss-lock mate-screensaver xvfb xdotool x11-utils xfonts-base dconf-gsettings-backend)
 
 base=$("$roots/base-root.sh" "$release" booted)
 key=$({ basename "$base"; echo "${packages[*]}"; } | sha256sum | cut -c 1-16)

@@ -40,7 +40,7 @@ deep_steps() {
 # The packages, and what they do in real systems.
 system_steps() {
     [[ $no_system == yes ]] || beside fresh \
-                        "./run and ./check in new Debian 12 and 13" tests/roots/fresh.sh
+                        "./run in new Debian 12 and 13, as root and as a user" tests/roots/fresh.sh
     step packages       "packages: contents, lintian, hardening, same bytes twice" \
         packaging/linux/check-packages.sh build/packages || return
     if [[ $no_system == yes ]]; then
