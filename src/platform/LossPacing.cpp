@@ -5,7 +5,7 @@
 namespace platform {
 
 LossPacing& LossPacing::instance() {
-    static LossPacing pacing;
+    static LossPacing pacing(Clock::now() + interval);
     return pacing;
 }
 
