@@ -41,10 +41,14 @@ void DaemonOwner::ownerTold(const std::string& uniqueName) {
 
 void DaemonOwner::askUser() {
     m_trust = Trust::Asking;
-    sd_bus_call_method_async(m_bus, OutHandle(m_userQuestion), "org.freedesktop.DBus",
-                             "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetConnectionUnixUser",
-                             &busCallback<&DaemonOwner::userTold, DaemonOwner>, this, "s",
-                             m_uniqueName.c_str());
+    const int asked = sd_bus_call_method_async(
+        m_bus, OutHandle(m_userQuestion), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+        "org.freedesktop.DBus", "GetConnectionUnixUser", &busCallback<&DaemonOwner::userTold, DaemonOwner>,
+        this, "s", m_uniqueName.c_str());
+    if (asked < 0) {
+        // No answer will come to a question that did not go out.
+        decide(Trust::Undecided);
+    }
 }
 
 void DaemonOwner::userTold(sd_bus_message* message) {

@@ -67,6 +67,9 @@ void LinkLoop::awake() {
     m_outbox.clearWakeUp();
     if (!m_outbox.isOpen()) {
         sd_event_exit(m_loop.get(), 0);
+    } else if (m_gate->way() == Gate::Way::Unknown) {
+        // The question may not have gone out at all; what waits in the outbox would wait for ever.
+        m_gate->doubt();
     }
 }
 
