@@ -15,7 +15,8 @@ def _files_of(tree):
     """The tree's files, relative to it: what git knows or would add; without git, all outside the build directory."""
     listed = subprocess.run(["git", "-C", tree, "ls-files", "-z", "--cached", "--others", "--exclude-standard"],
                             capture_output=True, check=False)
-    if listed.returncode == 0:
+    # Nothing at all: the tree lies in somebody else's repository, which ignores it.
+    if listed.returncode == 0 and listed.stdout:
         names = [os.fsdecode(name) for name in listed.stdout.split(b"\0") if name]
     else:
         names = [str(path.relative_to(tree)) for path in tree.rglob("*")

@@ -24,6 +24,7 @@ std::atomic<int> wallClockWaits{0};
 
 }  // namespace
 
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the header's are reserved.
 extern "C" int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                       const timespec* deadline) {
     ++wallClockWaits;
