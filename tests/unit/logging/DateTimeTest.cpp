@@ -3,12 +3,15 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <locale>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "LogTestSupport.h"
 #include "logging/Log.h"
@@ -101,6 +104,26 @@ TEST(DateTime, RendersTheTimeOfDayAsTheStreamsLocaleDoes) {
     const std::string text = Logging::formatDateTime(someSecond);
     std::locale::global(previous);
     EXPECT_EQ(text, "2026/11/16 5.:000");
+}
+
+TEST(DateTime, IsEachThreadsOwn) {
+    const TimeZone zone("UTC0");
+    constexpr int rounds = 2000;
+    std::atomic<int> mixed{0};
+    std::vector<std::thread> threads;
+    for (int hour = 6; hour < 10; ++hour) {
+        threads.emplace_back([hour, &mixed] {
+            const std::string expected = "2026/11/16 0" + std::to_string(hour) + ":28:20:000";
+            for (int round = 0; round < rounds; ++round) {
+                mixed +=
+                    Logging::formatDateTime(someSecond + std::chrono::hours(hour - 5)) == expected ? 0 : 1;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(mixed, 0);
 }
 
 TEST(DateTime, ReadsTheSystemClock) {
