@@ -216,7 +216,7 @@ expect "$linked" && {
 
 echo
 if ((failures == 0)); then
-    echo "All as expected. Checks 7, 10 to 13, 17, 19, 20 and 22 need hands: see docs/macos.md."
+    echo "All as expected. Checks 7, 10 to 13, 17, 19, 20, 22 and 23 need hands: see docs/macos.md."
     exit 0
 fi
 echo "$failures not as expected; the agent's log: $log"
