@@ -138,10 +138,11 @@ class Stage:
 
 
 def memory_of(pid):
-    """Private and proportional set size in kB."""
+    """Private, proportional and anonymous set size in kB."""
     with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
         sizes = {name: int(size) for name, size in re.findall(r"^(\w+): +(\d+) kB", file.read(), re.M)}
-    return {"uss": sizes["Private_Clean"] + sizes["Private_Dirty"], "pss": sizes["Pss"]}
+    return {"uss": sizes["Private_Clean"] + sizes["Private_Dirty"], "pss": sizes["Pss"],
+            "anonymous": sizes["Anonymous"]}
 
 
 def switches_of(pid):

@@ -173,7 +173,7 @@ class Bench:
 
         return Row("idle", f"linked and idle: memory, and wake-ups in {seconds} s", "kB PSS", "pss", {
             "velm": staged(agent), "sd-bus listener, 2 threads": staged(listener),
-        }, floors=("sd-bus listener, 2 threads",), extra=("uss", "wake-ups"), rounds=5)
+        }, floors=("sd-bus listener, 2 threads",), extra=("uss", "anonymous", "wake-ups"), rounds=5)
 
     def start(self):
         def until_logged(command):

@@ -7,6 +7,10 @@
 namespace link_tests {
 namespace {
 
+// Half as much again as it needs (docs/performance.md): a buffer of a usual size that is kept for life breaks
+// it.
+constexpr std::size_t mostMemory{750 * 1024};
+
 class AgentIdle : public LinkTest {
 protected:
     void startAll() {
@@ -34,6 +38,7 @@ protected:
         pumpFor(std::chrono::seconds(30));
         EXPECT_EQ(agent->voluntarySwitches(), before);
         EXPECT_EQ(agent->log().mark(), lines);
+        EXPECT_LT(agent->anonymousMemory(), mostMemory);
 
         // Asleep, not dead.
         logind->setLockedHint(ownSession, true);

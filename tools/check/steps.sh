@@ -34,7 +34,9 @@ deep_steps() {
         step test-tsan  "unit and link tests under it" run_tests tsan -L 'unit|link'
     step reference      "Doxygen makes the reference without a warning" tools/make-reference build/reference
     step fuzz           "each fuzzer for 20 s" tests/fuzz/run
-    step bench          "each benchmark once" benchmarks
+    step build-release  "builds as shipped" build release &&
+        step instructions "a log line, a timer, a message, an event: no more instructions" bench/instructions
+    step bench          "each benchmark once" bench/run --quick
 }
 
 # The packages, and what they do in real systems.
@@ -70,14 +72,4 @@ format_check() {
         return "$skipped_status"
     fi
     git ls-files '*.cpp' '*.h' '*.mm' '*.m' | xargs clang-format --dry-run --Werror
-}
-
-benchmarks() {
-    local benchmark
-    build release || return
-    for benchmark in build/release/bench/bench_*; do
-        [[ -x $benchmark && -f $benchmark ]] || continue
-        echo "== $benchmark"
-        "$benchmark" || return
-    done
 }

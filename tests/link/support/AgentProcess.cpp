@@ -155,6 +155,10 @@ std::size_t AgentProcess::residentMemory() const {
     return std::stoul(fieldOf("/proc/" + std::to_string(pid()) + "/status", "VmRSS:")) * 1024;
 }
 
+std::size_t AgentProcess::anonymousMemory() const {
+    return std::stoul(fieldOf("/proc/" + std::to_string(pid()) + "/smaps_rollup", "Anonymous:")) * 1024;
+}
+
 std::map<pid_t, unsigned long> AgentProcess::voluntarySwitches() const {
     std::map<pid_t, unsigned long> switches;
     for (const fs::directory_entry& task :

@@ -63,6 +63,8 @@ public:
     bool awaitWatchOfEtc() const;
     /// Resident memory in bytes.
     std::size_t residentMemory() const;
+    /// Memory in bytes that is the agent's alone whatever else runs: heap, stacks and what it has written to.
+    std::size_t anonymousMemory() const;
     /// How often each of the agent's threads has gone to sleep by itself.
     std::map<pid_t, unsigned long> voluntarySwitches() const;
 
