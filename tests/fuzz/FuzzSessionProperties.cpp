@@ -17,7 +17,7 @@ namespace {
 using platform::SessionProperties;
 
 auto everythingOf(const SessionProperties& properties) {
-    return std::tie(properties.user, properties.kind, properties.state, properties.type, properties.seat,
+    return std::tie(properties.user, properties.kind, properties.state, properties.type, properties.remote,
                     properties.lockedHint);
 }
 
@@ -57,8 +57,8 @@ public:
                 addText("Type", expected.type, input);
                 break;
             case 4:
-                expected.seat = text(input);
-                append("Seat", "(so)", expected.seat->c_str(), "/org/freedesktop/login1/seat/seat0");
+                expected.remote = input.ConsumeBool();
+                append("Remote", "b", static_cast<int>(*expected.remote));
                 break;
             case 5:
                 expected.lockedHint = input.ConsumeBool();
@@ -71,8 +71,8 @@ public:
                 append("Display", "s", text(input).c_str());
                 break;
             default:
-                append(input.PickValueInArray({"User", "Class", "State", "Type", "Seat", "LockedHint"}), "t",
-                       std::uint64_t{1});
+                append(input.PickValueInArray({"User", "Class", "State", "Type", "Remote", "LockedHint"}),
+                       "t", std::uint64_t{1});
                 broken = true;
         }
     }
