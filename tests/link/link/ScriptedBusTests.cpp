@@ -1,0 +1,289 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "link/support/Await.h"
+#include "link/support/RecordingAgent.h"
+#include "link/support/ScriptedBus.h"
+#include "link/support/TempDirectory.h"
+#include "platform/XpcConnection.h"
+
+// What a connection makes of a bus that answers late, in another order, with errors, or not at all.
+
+namespace {
+
+using link_tests::await;
+using link_tests::Losses;
+using link_tests::RecordingAgent;
+using link_tests::ScriptedBus;
+
+constexpr const char* daemonName = "com.brovik.velmdaemon";
+constexpr const char* askOwner = "GetNameOwner \"com.brovik.velmdaemon\"";
+constexpr const char* accessDenied = "org.freedesktop.DBus.Error.AccessDenied";
+constexpr const char* limitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* noOwner = "org.freedesktop.DBus.Error.NameHasNoOwner";
+constexpr std::uint32_t stranger = 4321;
+
+std::string askUser(const std::string& name) {
+    return "GetConnectionUnixUser \"" + name + "\"";
+}
+
+class ConnectionOnAScriptedBus : public testing::Test {
+protected:
+    ConnectionOnAScriptedBus() {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + socketPath).c_str(), 1);
+        connection = platform::createXpcConnection(daemonName, platform::xpcConnectionPrivileged);
+        connection->setRemoteObjectInterface(xpcDaemonProtocol);
+        connection->setExportedInterface(xpcAgentProtocol);
+        connection->setExportedObject(agent);
+        connection->setInterruptionHandler([losses = losses] { ++losses->interruptions; });
+        connection->setInvalidationHandler([losses = losses] { ++losses->invalidations; });
+        connection->resume();
+    }
+
+    std::shared_ptr<XpcDaemonProtocol> daemon() { return connection->remoteObjectProxy(); }
+
+    /// The bus says that root runs a daemon as ":1.5".
+    void linkUp() {
+        bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+        bus.answer(bus.awaitQuestion(askUser(":1.5")), "u", 0U);
+        daemon()->connect();
+        bus.awaitQuestion("connect");
+        answerOwnerQuestions(":1.5");
+    }
+    /// Answers every question after the owner that is still open, until none comes any more.
+    void answerOwnerQuestions(const char* owner) {
+        while (await([&] { return bus.count(askOwner) > answered; }, std::chrono::milliseconds(200))) {
+            ++answered;
+            if (answered > 1) {
+                bus.answer(bus.awaitQuestion(askOwner, answered), "s", owner);
+            }
+        }
+    }
+    bool awaitReplies(std::size_t count) {
+        return await([&] { return bus.replies().size() >= count; });
+    }
+
+    link_tests::TempDirectory directory;
+    const std::string socketPath = directory.path() + "/bus";
+    ScriptedBus bus{socketPath};
+    std::size_t answered = 0;
+    std::shared_ptr<RecordingAgent> agent = std::make_shared<RecordingAgent>();
+    std::shared_ptr<Losses> losses = std::make_shared<Losses>();
+    std::shared_ptr<platform::IXpcConnection> connection;
+};
+
+TEST_F(ConnectionOnAScriptedBus, WatchesTheNameBeforeItAsksWhoOwnsIt) {
+    const std::size_t question = bus.awaitQuestion(askOwner);
+    EXPECT_LT(bus.awaitQuestion("AddMatch \"type='signal',sender='org.freedesktop.DBus'"), question);
+}
+
+TEST_F(ConnectionOnAScriptedBus, AnAnswerThatComesBehindTheChangeItSpeaksOfChangesNothing) {
+    const std::size_t question = bus.awaitQuestion(askOwner);
+    bus.nameOwnerChanged(daemonName, "", ":1.5");
+    bus.answer(bus.awaitQuestion(askUser(":1.5")), "u", 0U);
+    daemon()->connect();
+    bus.awaitQuestion("connect");
+    bus.answer(question, "s", ":1.5");
+    bus.call(":1.5", "connected", "b", 1);
+    ASSERT_TRUE(await([&] { return agent->calls().size() == 1; }));
+    EXPECT_EQ(losses->all(), 0);
+    EXPECT_EQ(bus.count(askUser(":1.5")), 1U);
+}
+
+TEST_F(ConnectionOnAScriptedBus, AChangeOfAnotherNameChangesNothing) {
+    linkUp();
+    bus.nameOwnerChanged("com.brovik.other", ":1.5", ":1.6");
+    bus.call(":1.5", "connected", "b", 1);
+    ASSERT_TRUE(await([&] { return agent->calls().size() == 1; }));
+    EXPECT_EQ(losses->all(), 0);
+}
+
+TEST_F(ConnectionOnAScriptedBus, ALateAnswerAboutAFormerOwnersUserIsNotTakenForTheNextOnes) {
+    bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+    const std::size_t former = bus.awaitQuestion(askUser(":1.5"));
+    bus.nameOwnerChanged(daemonName, ":1.5", ":1.6");
+    const std::size_t present = bus.awaitQuestion(askUser(":1.6"));
+    daemon()->connect();
+    bus.answer(former, "u", 0U);
+    bus.call(":1.6", "connected", "b", 1);
+    bus.answer(present, "u", stranger);
+    ASSERT_TRUE(awaitReplies(1));
+    EXPECT_EQ(bus.replies().back(), accessDenied);
+    EXPECT_TRUE(agent->calls().empty());
+}
+
+TEST_F(ConnectionOnAScriptedBus, TrustEndsWithTheOwnerWhoHadIt) {
+    bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+    bus.answer(bus.awaitQuestion(askUser(":1.5")), "u", 0U);
+    bus.nameOwnerChanged(daemonName, ":1.5", ":1.6");
+    const std::size_t present = bus.awaitQuestion(askUser(":1.6"));
+    daemon()->connect();
+    bus.call(":1.6", "connected", "b", 1);
+    bus.answer(present, "u", stranger);
+    ASSERT_TRUE(awaitReplies(1));
+    EXPECT_EQ(bus.replies().back(), accessDenied);
+    EXPECT_TRUE(agent->calls().empty());
+    EXPECT_EQ(bus.count("connect"), 0U);
+}
+
+TEST_F(ConnectionOnAScriptedBus, AUserThatTheBusCouldNotTellIsAskedForAgainAtTheNextCall) {
+    bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+    const std::size_t first = bus.awaitQuestion(askUser(":1.5"));
+    bus.call(":1.5", "connected", "b", 1);
+    bus.answerWithError(first, limitsExceeded);
+    ASSERT_TRUE(awaitReplies(1));
+    EXPECT_EQ(bus.replies().back(), accessDenied);
+
+    bus.call(":1.5", "logLevel", "x", std::int64_t{7});
+    bus.answer(bus.awaitQuestion(askUser(":1.5"), 2), "u", 0U);
+    daemon()->connect();
+    ASSERT_TRUE(await([&] { return !agent->calls().empty(); }));
+    EXPECT_EQ(agent->calls(), std::vector<std::string>{"logLevel 7"});
+}
+
+TEST_F(ConnectionOnAScriptedBus, AsksWhoTheDaemonIsWithEachMessageOneQuestionAtATime) {
+    linkUp();
+    const std::size_t before = bus.count(askOwner);
+    for (int i = 0; i < 20; ++i) {
+        daemon()->onScreenLocked(true);
+    }
+    bus.awaitQuestion("onScreenLocked", 20);
+    bus.awaitQuestion(askOwner, before + 1);
+    EXPECT_EQ(bus.count(askOwner), before + 1);
+    // What was sent behind the question has one of its own once that is answered.
+    bus.answer(bus.awaitQuestion(askOwner, before + 1), "s", ":1.5");
+    bus.answer(bus.awaitQuestion(askOwner, before + 2), "s", ":1.5");
+    daemon()->onScreenLocked(false);
+    bus.awaitQuestion(askOwner, before + 3);
+    EXPECT_EQ(losses->all(), 0);
+}
+
+TEST_F(ConnectionOnAScriptedBus, AnotherOwnerThanTheKnownOneIsAnInterruption) {
+    linkUp();
+    const std::size_t before = bus.count(askOwner);
+    daemon()->onScreenLocked(true);
+    bus.answer(bus.awaitQuestion(askOwner, before + 1), "s", ":1.9");
+    EXPECT_TRUE(await([&] { return losses->interruptions == 1; }));
+}
+
+TEST_F(ConnectionOnAScriptedBus, NoOwnerWhereOneWasKnownIsAnInterruption) {
+    linkUp();
+    const std::size_t before = bus.count(askOwner);
+    daemon()->onScreenLocked(true);
+    bus.answerWithError(bus.awaitQuestion(askOwner, before + 1), noOwner);
+    EXPECT_TRUE(await([&] { return losses->interruptions == 1; }));
+}
+
+TEST_F(ConnectionOnAScriptedBus, AStrangersCallHasTheBusAskedWhetherHeIsTheDaemon) {
+    linkUp();
+    const std::size_t before = bus.count(askOwner);
+    bus.call(":1.9", "connected", "b", 1);
+    bus.answer(bus.awaitQuestion(askOwner, before + 1), "s", ":1.9");
+    EXPECT_TRUE(await([&] { return losses->interruptions == 1; }));
+    EXPECT_TRUE(agent->calls().empty());
+}
+
+TEST_F(ConnectionOnAScriptedBus, AnErrorThatIsNotAboutTheOwnerSaysNothing) {
+    linkUp();
+    const std::size_t before = bus.count(askOwner);
+    daemon()->onScreenLocked(true);
+    bus.answerWithError(bus.awaitQuestion(askOwner, before + 1), limitsExceeded);
+    bus.call(":1.5", "connected", "b", 1);
+    ASSERT_TRUE(await([&] { return agent->calls().size() == 1; }));
+    EXPECT_EQ(losses->all(), 0);
+}
+
+TEST_F(ConnectionOnAScriptedBus, MessagesWaitUntilTheBusHasSaidWhoTheDaemonIs) {
+    daemon()->connect();
+    daemon()->onScreenLocked(true);
+    bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+    const std::size_t question = bus.awaitQuestion(askUser(":1.5"));
+    EXPECT_EQ(bus.count("connect"), 0U);
+    bus.answer(question, "u", 0U);
+    EXPECT_LT(bus.awaitQuestion("connect"), bus.awaitQuestion("onScreenLocked true"));
+}
+
+TEST_F(ConnectionOnAScriptedBus, AnErrorForAnAnswerReachesNoReplyBlockOfAnyKind) {
+    linkUp();
+    const auto guard = std::make_shared<std::atomic<int>>(0);
+    daemon()->pingWithReply([guard](bool) { ++*guard; });
+    daemon()->loggedUser([guard](const std::string&) { ++*guard; });
+    daemon()->upTime([guard](const XpcNumber&) { ++*guard; });
+    for (const char* question : {"pingWithReply", "loggedUser", "upTime"}) {
+        bus.answerWithError(bus.awaitQuestion(question), "org.freedesktop.DBus.Error.Failed");
+    }
+    EXPECT_TRUE(await([&] { return guard.use_count() == 1; })) << "what the blocks held is let go";
+    EXPECT_EQ(*guard, 0);
+}
+
+TEST_F(ConnectionOnAScriptedBus, AnswersThatAreNeverGivenAreAwaitedAHundredAtATime) {
+    linkUp();
+    for (int i = 0; i < 150; ++i) {
+        daemon()->pingWithReply([](bool) {});
+    }
+    const std::size_t first = bus.awaitQuestion("pingWithReply");
+    bus.awaitQuestion("pingWithReply", 100);
+    bus.answer(first, "b", 1);
+    // Answers come in order, so this one says that the first has been seen.
+    bus.call(":1.5", "connected", "b", 1);
+    ASSERT_TRUE(awaitReplies(1));
+    daemon()->pingWithReply([](bool) {});
+    bus.awaitQuestion("pingWithReply", 101);
+    daemon()->onTimeZoneChanged();
+    bus.awaitQuestion("onTimeZoneChanged");
+    EXPECT_EQ(bus.count("pingWithReply"), 101U);
+}
+
+TEST_F(ConnectionOnAScriptedBus, BlocksAreDestroyedAtALossWhileHandlersSend) {
+    std::atomic<bool> end{false};
+    std::atomic<bool> sending{false};
+    agent->onConnected = [&] {
+        std::thread([&] {
+            while (!end) {
+                daemon()->pingWithReply([](bool) {});
+                sending = true;
+            }
+        }).join();
+    };
+    linkUp();
+    const auto guard = std::make_shared<int>(0);
+    daemon()->loggedUser([guard, proxy = daemon()](const std::string&) {});
+    bus.awaitQuestion("loggedUser");
+    bus.call(":1.5", "connected", "b", 1);
+    ASSERT_TRUE(await([&] { return sending.load(); }));
+    bus.nameOwnerChanged(daemonName, ":1.5", "");
+    end = true;
+    EXPECT_TRUE(await([&] { return guard.use_count() == 1 && losses->interruptions == 1; }));
+}
+
+TEST_F(ConnectionOnAScriptedBus, NoCallIsDeliveredAfterTheLossAndNoneOnceItIsReleased) {
+    linkUp();
+    bus.call(":1.5", "logLevel", "x", std::int64_t{1});
+    bus.nameOwnerChanged(daemonName, ":1.5", ":1.6");
+    bus.call(":1.5", "logLevel", "x", std::int64_t{2});
+    bus.call(":1.6", "logLevel", "x", std::int64_t{3});
+    ASSERT_TRUE(await([&] { return losses->interruptions == 1; }));
+    EXPECT_EQ(agent->calls(), std::vector<std::string>{"logLevel 1"});
+}
+
+TEST_F(ConnectionOnAScriptedBus, TheLossKeepsItsDistanceFromTheLastCall) {
+    linkUp();
+    std::atomic<std::int64_t> between{-1};
+    std::atomic<std::int64_t> returned{0};
+    const auto now = [] { return std::chrono::steady_clock::now().time_since_epoch().count(); };
+    agent->onConnected = [&] { returned = now(); };
+    connection->setInterruptionHandler([&] { between = now() - returned; });
+    bus.call(":1.5", "connected", "b", 1);
+    bus.nameOwnerChanged(daemonName, ":1.5", "");
+    ASSERT_TRUE(await([&] { return between >= 0; }));
+    EXPECT_GE(std::chrono::nanoseconds(between), std::chrono::milliseconds(100));
+}
+
+}  // namespace

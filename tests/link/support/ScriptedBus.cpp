@@ -1,0 +1,116 @@
+#include "link/support/ScriptedBus.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+
+#include "link/support/UnixAddress.h"
+
+namespace link_tests {
+
+ScriptedBus::ScriptedBus(const std::string& socketPath)
+    : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), m_path(socketPath) {
+    const sockaddr_un address = unixAddress(socketPath);
+    if (::bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        ::chmod(socketPath.c_str(), 0666) != 0 || ::listen(m_socket, 64) != 0) {
+        const int error = errno;
+        ::close(m_socket);
+        throw std::system_error(error, std::generic_category(), socketPath);
+    }
+}
+
+ScriptedBus::~ScriptedBus() {
+    ::close(m_socket);
+    ::unlink(m_path.c_str());
+}
+
+std::size_t ScriptedBus::count(const std::string& text) const {
+    return static_cast<std::size_t>(
+        std::count_if(m_questions.begin(), m_questions.end(),
+                      [&](const Question& asked) { return asked.text.compare(0, text.size(), text) == 0; }));
+}
+
+std::size_t ScriptedBus::awaitQuestion(const std::string& text, std::size_t times) {
+    if (!await([&] { return count(text) >= times; })) {
+        throw std::runtime_error("nobody asks " + text);
+    }
+    std::size_t place = 0;
+    for (std::size_t found = 0;; ++place) {
+        found += m_questions[place].text.compare(0, text.size(), text) == 0 ? 1U : 0U;
+        if (found == times) {
+            return place;
+        }
+    }
+}
+
+void ScriptedBus::answerWithError(std::size_t place, const char* error) {
+    const sd_bus_error content{error, "as the test wants it", 0};
+    sd_bus_message* reply = nullptr;
+    check(sd_bus_message_new_method_error(m_questions.at(place).message.get(), &reply, &content),
+          "new error");
+    sendFrom(busName, MessageHandle(reply), "");
+}
+
+void ScriptedBus::nameOwnerChanged(const char* name, const char* before, const char* after) {
+    sd_bus_message* signal = nullptr;
+    check(sd_bus_message_new_signal(m_connection.get(), &signal, "/org/freedesktop/DBus", busName,
+                                    "NameOwnerChanged"),
+          "new signal");
+    sendFrom(busName, MessageHandle(signal), "sss", name, before, after);
+}
+
+void ScriptedBus::pump() {
+    const int caller = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (caller >= 0) {
+        serve(caller);
+    }
+    while (m_connection && sd_bus_process(m_connection.get(), nullptr) > 0) {
+    }
+}
+
+void ScriptedBus::serve(int socket) {
+    m_questions.clear();
+    sd_bus* bus = nullptr;
+    check(sd_bus_new(&bus), "sd_bus_new");
+    m_connection.reset(bus);
+    check(sd_bus_set_fd(bus, socket, socket), "sd_bus_set_fd");
+    check(sd_bus_set_server(bus, 1, {}), "sd_bus_set_server");
+    check(sd_bus_add_filter(bus, nullptr, &ScriptedBus::onMessage, this), "sd_bus_add_filter");
+    check(sd_bus_start(bus), "sd_bus_start");
+}
+
+int ScriptedBus::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+    static_cast<ScriptedBus*>(self)->received(message);
+    return 1;
+}
+
+void ScriptedBus::received(sd_bus_message* message) {
+    if (sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
+        const std::string member = textOf(sd_bus_message_get_member(message));
+        const std::string arguments = describeArguments(message);
+        m_questions.push_back({member + (arguments.empty() ? "" : " " + arguments),
+                               MessageHandle(sd_bus_message_ref(message))});
+        answerByItself(m_questions.size() - 1, member.c_str());
+    } else if (const sd_bus_error* const error = sd_bus_message_get_error(message)) {
+        m_replies.push_back(textOf(error->name));
+    } else {
+        m_replies.emplace_back();
+    }
+}
+
+void ScriptedBus::answerByItself(std::size_t place, const char* member) {
+    const std::string_view asked = member;
+    if (asked == "Hello" && m_answersHello) {
+        answer(place, "s", clientName);
+    } else if (asked == "AddMatch" || asked == "RemoveMatch") {
+        answer(place, "");
+    }
+}
+
+}  // namespace link_tests

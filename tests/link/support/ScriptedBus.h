@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "link/support/Await.h"
+#include "link/support/SdBus.h"
+
+namespace link_tests {
+
+/// Stands where a bus is expected and says what a test wants, when and in which order it wants it; towards
+/// one connection, the last that came. It authenticates everyone and answers Hello and AddMatch by itself,
+/// and leaves every other call for the test.
+class ScriptedBus : public Pumped {
+public:
+    explicit ScriptedBus(const std::string& socketPath);
+    ~ScriptedBus() override;
+    ScriptedBus(const ScriptedBus&) = delete;
+    ScriptedBus& operator=(const ScriptedBus&) = delete;
+
+    /// A call that came, as "GetNameOwner "com.brovik.velmdaemon"".
+    struct Question {
+        std::string text;
+        MessageHandle message;
+    };
+    /// How many calls came whose text begins like this.
+    std::size_t count(const std::string& text) const;
+    /// Waits until such a call has come for the `times`th time, and gives its place among all calls. Throws
+    /// if it does not come.
+    std::size_t awaitQuestion(const std::string& text, std::size_t times = 1);
+
+    /// Answers the call at `place`.
+    template <typename... Arguments>
+    void answer(std::size_t place, const char* types, Arguments... arguments) {
+        sd_bus_message* reply = nullptr;
+        check(sd_bus_message_new_method_return(m_questions.at(place).message.get(), &reply), "new reply");
+        sendFrom(busName, MessageHandle(reply), types, arguments...);
+    }
+    void answerWithError(std::size_t place, const char* error);
+    /// Does not answer Hello either, from here on.
+    void leaveHelloUnanswered() { m_answersHello = false; }
+
+    /// The bus says that a name went from one owner to another; empty for none.
+    void nameOwnerChanged(const char* name, const char* before, const char* after);
+    /// `sender` calls the agent.
+    template <typename... Arguments>
+    void call(const char* sender, const char* member, const char* types, Arguments... arguments) {
+        sd_bus_message* call = nullptr;
+        check(sd_bus_message_new_method_call(m_connection.get(), &call, clientName, agentObject,
+                                             agentProtocol, member),
+              "new call");
+        sendFrom(sender, MessageHandle(call), types, arguments...);
+    }
+    /// The errors that came back, by name, and "" for each answer that is none.
+    const std::vector<std::string>& replies() const { return m_replies; }
+
+    void pump() override;
+
+private:
+    static constexpr const char* busName = "org.freedesktop.DBus";
+    static constexpr const char* clientName = ":1.1";
+    static constexpr const char* agentObject = "/com/brovik/velmmonitord";
+    static constexpr const char* agentProtocol = "com.brovik.XpcAgentProtocol";
+
+    template <typename... Arguments>
+    void sendFrom(const char* sender, const MessageHandle& message, const char* types,
+                  Arguments... arguments) {
+        check(sd_bus_message_set_sender(message.get(), sender), "set sender");
+        if (types[0] != '\0') {
+            check(sd_bus_message_append(message.get(), types, arguments...), "append");
+        }
+        std::uint64_t cookie = 0;  // asked for, so that an answer is expected
+        check(sd_bus_send(m_connection.get(), message.get(), &cookie), "send");
+    }
+    void serve(int socket);
+    void received(sd_bus_message* message);
+    void answerByItself(std::size_t place, const char* member);
+    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
+
+    int m_socket;
+    std::string m_path;
+    BusHandle m_connection;
+    std::vector<Question> m_questions;
+    bool m_answersHello = true;
+    std::vector<std::string> m_replies;
+};
+
+}  // namespace link_tests
