@@ -1,5 +1,6 @@
 #include "platform/linux/runloop/MainRunLoop.h"
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 
@@ -9,6 +10,7 @@
 
 #include "platform/linux/process/OutHandle.h"
 #include "platform/linux/runloop/DeafLoop.h"
+#include "platform/linux/runloop/EventCallback.h"
 #include "platform/linux/runloop/EventHandles.h"
 #include "platform/linux/runloop/PrivateThreads.h"
 
@@ -43,12 +45,23 @@ private:
 // loop watches for is seen meanwhile. Less than the time in which an ending signal must have ended the loop.
 constexpr timespec untilNextLoop{1, 0};
 
-bool endingSignalComes(const timespec& within) {
+sigset_t endingSignals() {
     sigset_t ending;
     sigemptyset(&ending);
     sigaddset(&ending, SIGTERM);
     sigaddset(&ending, SIGINT);
+    return ending;
+}
+
+bool endingSignalComes(const timespec& within) {
+    const sigset_t ending = endingSignals();
     return sigtimedwait(&ending, nullptr, &within) > 0;
+}
+
+// What is left to do could still hang, in a log that nobody reads for one; who asks twice means it.
+void letTheNextSignalEndTheProcess() {
+    const sigset_t ending = endingSignals();
+    pthread_sigmask(SIG_UNBLOCK, &ending, nullptr);
 }
 
 }  // namespace
@@ -66,6 +79,7 @@ void MainRunLoop::setSources(MakeSources make) {
 
 void MainRunLoop::run() {
     runUntilAskedToEnd();
+    letTheNextSignalEndTheProcess();
     dropTasks();
     PrivateThreads::instance().drain();
 }
@@ -88,7 +102,7 @@ void MainRunLoop::runUntilAskedToEnd() {
 bool MainRunLoop::runLoop() {
     makeWakeUp();
     Loop loop;
-    if (!loop.open(m_wakeUp.get(), &MainRunLoop::tasksPosted, this)) {
+    if (!loop.open(m_wakeUp.get(), &eventCallback<&MainRunLoop::runTasks, MainRunLoop>, this)) {
         tellThatLoopIsDeaf();
         return false;
     }
@@ -118,12 +132,10 @@ void MainRunLoop::dropTasks() {
     dropped.swap(m_tasks);
 }
 
-int MainRunLoop::tasksPosted(sd_event_source* /*source*/, int /*descriptor*/, std::uint32_t /*events*/,
-                             void* self) noexcept {
-    for (const auto& task : static_cast<MainRunLoop*>(self)->takeTasks()) {
+void MainRunLoop::runTasks() {
+    for (const auto& task : takeTasks()) {
         task();
     }
-    return 0;
 }
 
 }  // namespace platform

@@ -14,6 +14,8 @@ namespace platform {
 
 /// The main run loop: an sd-event loop that ends on SIGTERM or SIGINT, which prepareProcess() has blocked.
 ///
+/// From when the loop has ended, both signals do what they do by default: the next one ends the process.
+///
 /// Runs once in the life of the process. Where the system has no descriptors left for a loop, or the loop
 /// itself fails, it tries again each second, with new sources, and can still be ended. An exception that
 /// leaves a posted task ends the process, as there is nobody to catch it.
@@ -47,8 +49,7 @@ private:
     void makeWakeUp();
     Tasks takeTasks();
     void dropTasks();
-    static int tasksPosted(sd_event_source* source, int descriptor, std::uint32_t events,
-                           void* self) noexcept;
+    void runTasks();
 
     MakeSources m_makeSources;
     std::mutex m_mutex;

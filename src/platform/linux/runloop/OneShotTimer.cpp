@@ -6,6 +6,7 @@
 
 #include "platform/linux/process/OutHandle.h"
 #include "platform/linux/runloop/DeafLoop.h"
+#include "platform/linux/runloop/EventCallback.h"
 
 namespace platform {
 namespace {
@@ -22,7 +23,8 @@ void OneShotTimer::start(std::chrono::milliseconds delay) {
     const auto microseconds = static_cast<std::uint64_t>(std::chrono::microseconds(delay).count());
     m_source.reset();
     if (sd_event_add_time_relative(m_loop, OutHandle(m_source), CLOCK_MONOTONIC, microseconds,
-                                   accuracyInMicroseconds, &OneShotTimer::elapsed, this) < 0) {
+                                   accuracyInMicroseconds,
+                                   &eventCallback<&OneShotTimer::elapsed, OneShotTimer>, this) < 0) {
         tellThatLoopIsDeaf();
     }
 }
@@ -31,9 +33,8 @@ void OneShotTimer::stop() {
     m_source.reset();
 }
 
-int OneShotTimer::elapsed(sd_event_source* /*source*/, std::uint64_t /*now*/, void* self) noexcept {
-    static_cast<OneShotTimer*>(self)->m_callback();
-    return 0;
+void OneShotTimer::elapsed() {
+    m_callback();
 }
 
 }  // namespace platform

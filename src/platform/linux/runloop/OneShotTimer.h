@@ -23,7 +23,7 @@ public:
     void stop();
 
 private:
-    static int elapsed(sd_event_source* source, std::uint64_t now, void* self) noexcept;
+    void elapsed();
 
     sd_event* m_loop;
     std::function<void()> m_callback;

@@ -1,11 +1,9 @@
 #include "platform/OperationQueue.h"
 
 #include <algorithm>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/post.hpp>
+#include <condition_variable>
+#include <deque>
 #include <mutex>
-#include <optional>
 #include <utility>
 
 #include "platform/linux/runloop/PrivateThreads.h"
@@ -13,24 +11,47 @@
 namespace platform {
 namespace {
 
+using Operation = std::function<void()>;
+
 /// What the queue and its threads share. The threads keep it alive, so that operations outlive the queue.
 class Operations {
 public:
-    void add(std::function<void()> operation) { boost::asio::post(m_context, std::move(operation)); }
+    void add(Operation operation) {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_waiting.push_back(std::move(operation));
+        m_changed.notify_one();
+    }
 
     /// Runs operations until `finish` was called and none is left.
-    void run() { m_context.run(); }
+    void run() {
+        while (const Operation operation = next()) {
+            operation();
+        }
+    }
 
     void finish() {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        m_work.reset();
+        m_finished = true;
+        m_changed.notify_all();
     }
 
 private:
-    boost::asio::io_context m_context;
+    /// Waits for the next operation; empty once there will be none.
+    Operation next() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_finished || !m_waiting.empty(); });
+        if (m_waiting.empty()) {
+            return nullptr;
+        }
+        Operation operation = std::move(m_waiting.front());
+        m_waiting.pop_front();
+        return operation;
+    }
+
     std::mutex m_mutex;
-    std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> m_work{
-        boost::asio::make_work_guard(m_context)};
+    std::condition_variable m_changed;
+    std::deque<Operation> m_waiting;
+    bool m_finished = false;
 };
 
 class OperationQueue : public IOperationQueue {
@@ -42,7 +63,7 @@ public:
 
     void setMaxConcurrentOperationCount(int count) override { m_width = std::max(count, 1); }
 
-    void addOperation(std::function<void()> operation) noexcept override {
+    void addOperation(Operation operation) noexcept override {
         startMissingThreads();
         // The operation may release this queue, and be over, before adding it returns.
         const std::shared_ptr<Operations> operations = m_operations;
