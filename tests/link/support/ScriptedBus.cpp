@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "link/support/UnixAddress.h"
 
@@ -76,6 +77,7 @@ void ScriptedBus::pump() {
 
 void ScriptedBus::serve(int socket) {
     m_questions.clear();
+    m_former.push_back(std::move(m_connection));
     sd_bus* bus = nullptr;
     check(sd_bus_new(&bus), "sd_bus_new");
     m_connection.reset(bus);

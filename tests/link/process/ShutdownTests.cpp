@@ -1,0 +1,181 @@
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "link/support/LinkTest.h"
+#include "link/support/ScriptedBus.h"
+#include "link/support/SilentBus.h"
+#include "link/support/UnheardSocket.h"
+
+namespace link_tests {
+namespace {
+
+enum class BusState {
+    Absent,
+    ConnectionsWaiting,
+    AcceptedAndSilent,
+    HelloUnanswered,
+    FrozenBefore,
+    FrozenAfter
+};
+enum class WhichBus { System, Session };
+
+struct Case {
+    const char* name;
+    BusState state;
+};
+
+void PrintTo(const Case& shown, std::ostream* out) {
+    *out << shown.name;
+}
+
+/// The agent is asked to end while a bus is in some state: no bus may keep it.
+class Shutdown : public LinkTest {
+protected:
+    /// Has the agent end, and tells how long that took: tests/link prints the table that the documents quote.
+    void expectEnd(const std::string& state) {
+        const auto start = std::chrono::steady_clock::now();
+        agent->signal(SIGTERM);
+        EXPECT_EQ(agent->awaitEnd(), "exit 0");
+        const auto time =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        std::cout << "SIGTERM to exit: " << time.count() << " ms, " << state << "\n";
+        // Two seconds are promised; a machine with other work gets some more.
+        EXPECT_LT(time, std::chrono::seconds(10));
+    }
+    bool awaitThreadThatWritesOutput() const {
+        return await([this] {
+            for (const auto& task :
+                 std::filesystem::directory_iterator("/proc/" + std::to_string(agent->pid()) + "/task")) {
+                std::ifstream call(task.path() / "syscall");
+                std::string number;
+                std::string descriptor;
+                if (call >> number >> descriptor && number == "1" && descriptor == "0x1") {
+                    return true;
+                }
+            }
+            return false;
+        });
+    }
+};
+
+class ShutdownOnBus : public Shutdown, public testing::WithParamInterface<std::tuple<WhichBus, Case>> {
+protected:
+    /// Puts the bus into the state that it has before the agent starts.
+    void prepare(PrivateBus& chosen) {
+        switch (state()) {
+            case BusState::Absent:
+                break;
+            case BusState::ConnectionsWaiting:
+                unheard = std::make_unique<UnheardSocket>(chosen.socketPath());
+                break;
+            case BusState::AcceptedAndSilent:
+                silent = std::make_unique<SilentBus>(chosen.socketPath(), "");
+                break;
+            case BusState::HelloUnanswered:
+                scripted = std::make_unique<ScriptedBus>(chosen.socketPath());
+                scripted->leaveHelloUnanswered();
+                break;
+            case BusState::FrozenBefore:
+                chosen.start();
+                chosen.freeze();
+                break;
+            case BusState::FrozenAfter:
+                chosen.start();
+                break;
+        }
+    }
+    static BusState state() { return std::get<1>(GetParam()).state; }
+
+    PrivateBus sessionBus;
+    std::unique_ptr<UnheardSocket> unheard;
+    std::unique_ptr<SilentBus> silent;
+    std::unique_ptr<ScriptedBus> scripted;
+};
+
+TEST_P(ShutdownOnBus, EndsSoonWithZero) {
+    PrivateBus& chosen = std::get<0>(GetParam()) == WhichBus::System ? bus : sessionBus;
+    options.sessionBus = sessionBus.address();
+    prepare(chosen);
+    if (&chosen == &sessionBus) {
+        bus.start();
+    }
+    startAgent();
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 2));
+    if (state() == BusState::FrozenAfter) {
+        chosen.freeze();
+    }
+    expectEnd(testing::UnitTest::GetInstance()->current_test_info()->name());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , ShutdownOnBus,
+    testing::Combine(testing::Values(WhichBus::System, WhichBus::Session),
+                     testing::Values(Case{"Absent", BusState::Absent},
+                                     Case{"WithConnectionsWaiting", BusState::ConnectionsWaiting},
+                                     Case{"AcceptedAndSilent", BusState::AcceptedAndSilent},
+                                     Case{"WithHelloUnanswered", BusState::HelloUnanswered},
+                                     Case{"FrozenBeforeTheStart", BusState::FrozenBefore},
+                                     Case{"FrozenAfterTheStart", BusState::FrozenAfter})),
+    [](const auto& chosen) {
+        return std::string(std::get<0>(chosen.param) == WhichBus::System ? "SystemBus" : "SessionBus") +
+               std::get<1>(chosen.param).name;
+    });
+
+TEST_F(Shutdown, EndsSoonWithOutputLeftOverForTheSystemBus) {
+    PrivateBus sessionBus;
+    sessionBus.start();
+    options.sessionBus = sessionBus.address();
+    BusPeer saver(sessionBus.address(), agentUser);
+    ASSERT_EQ(saver.requestName("org.mate.ScreenSaver"), 1U);
+    const BusTarget toAll{"", "/org/mate/ScreenSaver", "org.mate.ScreenSaver"};
+    startSystem();
+    startLinked();
+    ASSERT_TRUE(await([&] {
+        saver.emit(toAll, "ActiveChanged", "b", 1);
+        return daemon->events().size() == 1;
+    }));
+    const std::size_t mark = agent->log().mark();
+    bus.freeze();
+    constexpr std::size_t rounds = 1500;
+    for (std::size_t round = 0; round < rounds; ++round) {
+        saver.emit(toAll, "ActiveChanged", "b", 0);
+        saver.emit(toAll, "ActiveChanged", "b", 1);
+    }
+    ASSERT_TRUE(agent->log().awaitCount(message::sendingStatus, 2 * rounds, mark));
+    expectEnd("SystemBusFrozenWithOutputLeftOver");
+}
+
+TEST_F(Shutdown, WhatWasSentBeforeTheEndStillArrives) {
+    startSystem();
+    startLinked();
+    ASSERT_TRUE(awaitSessionRead(ownSession));
+    // Stopped, it finds the event and the signal at once.
+    logind->setLockedHint(ownSession, true);
+    ASSERT_TRUE(agent->log().await(message::sendingStatus));
+    expectEnd("SystemBusLinked");
+    ASSERT_TRUE(daemon->awaitEvents(1));
+    EXPECT_EQ(daemon->events(), Messages{"onScreenLocked true"});
+}
+
+TEST_F(Shutdown, ASecondSignalEndsATeardownThatHangs) {
+    bus.start();
+    options.output = AgentOptions::Output::FullPipe;
+    startLinked();
+    // Whoever logs stands still once the pipe is full, and the teardown waits for him.
+    for (int i = 0; i < 2000; ++i) {
+        daemon->send("logLevel", "x", std::int64_t{i});
+    }
+    ASSERT_TRUE(awaitThreadThatWritesOutput());
+    agent->signal(SIGTERM);
+    EXPECT_FALSE(await([&] { return !agent->running(); }, std::chrono::milliseconds(1500)));
+    agent->signal(SIGTERM);
+    EXPECT_EQ(agent->awaitEnd(), "signal 15");
+}
+
+}  // namespace
+}  // namespace link_tests
