@@ -93,8 +93,12 @@ TEST_F(DaemonLoss, EventsWithoutADaemonAreLostAndNotRepeated) {
     startSystem();
     startLinked();
     ASSERT_TRUE(awaitSessionRead(ownSession));
+    const std::size_t loss = agent->log().mark();
     daemon->crash();
-    ASSERT_TRUE(agent->log().await(message::disconnected));
+    ASSERT_TRUE(agent->log().await(message::disconnected, loss));
+    // The new connection has long been told that there is no daemon; until then, messages wait for the
+    // answer.
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 2, loss));
     const std::size_t mark = agent->log().mark();
     logind->setLockedHint(ownSession, true);
     ASSERT_TRUE(agent->log().await(message::sendingStatus, mark));
