@@ -20,7 +20,7 @@ PASSWORD = "opensesame"
 # What a session of each desktop runs; the session bus is that of the user's service manager.
 X_SESSION = f"""#!/bin/sh
 export DBUS_SESSION_BUS_ADDRESS=unix:path=$XDG_RUNTIME_DIR/bus
-Xvfb {DISPLAY} -screen 0 640x480x24 -nolisten tcp &
+Xvfb {DISPLAY} -screen 0 640x480x24 -nolisten tcp -noreset &
 until xdotool getdisplaygeometry; do sleep 0.1; done
 exec %s
 """

@@ -80,7 +80,7 @@ LOCK_KEY = "usr/local/bin/velmtest-lock-key"
 LOCKERS = ("xss-lock -- i3lock --nofork", "xss-lock -- velm-locked-hint -- i3lock", "velm-locked-hint -- i3lock")
 MANUAL = "usr/share/doc/velmmonitord/operations.md"
 GRAPHICAL_SESSION = f"""#!/bin/sh
-Xvfb {DISPLAY} -screen 0 320x240x24 -nolisten tcp &
+Xvfb {DISPLAY} -screen 0 320x240x24 -nolisten tcp -noreset &
 until xdotool getdisplaygeometry; do sleep 0.1; done
 %s
 """
