@@ -137,6 +137,7 @@ void PrivateBus::stop() {
     }
     m_process.reset();
     m_journal.reset();
+    ::unlink((m_directory.path() + "/journal").c_str());
     ::unlink(m_socketPath.c_str());
 }
 
