@@ -24,6 +24,7 @@ deep_steps() {
     step model          "a model of the link: never wedged, and each promise is needed" docs/model/run
     step mutants-sample "20 seeded mistakes, and a test that notices each" tests/mutants/run --sample 20 --jobs "$jobs"
     step soak           "two minutes of random events, stops and restarts" tests/soak/run build/debug 120
+    step faults         "the agent under faults and floods" run_tests debug -L fault
     step syscalls       "system calls of the agent fail, one in each run" tests/faults/run build/debug
     step build-clang    "builds with clang++, warnings are errors" build clang &&
         step test-clang "unit tests" run_tests clang -L unit

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "link/faults/FaultTest.h"
 #include "link/support/SilentBus.h"
@@ -27,8 +28,12 @@ protected:
 
     /// Where the distribution's package puts it.
     static std::string fakeTimeLibrary() {
+        std::vector<std::filesystem::path> places{"/usr/lib", "/usr/lib64"};
         for (const auto& entry : std::filesystem::directory_iterator("/usr/lib")) {
-            const std::string library = entry.path() / "faketime/libfaketimeMT.so.1";
+            places.push_back(entry.path());
+        }
+        for (const auto& place : places) {
+            const std::string library = place / "faketime/libfaketimeMT.so.1";
             if (std::filesystem::exists(library)) {
                 return library;
             }

@@ -339,8 +339,9 @@ TEST_F(ConnectionOnABus, ReportsAnInvalidationOnceWhenTheBusIsLost) {
     linkUp(*connection, *daemon);
     daemon->disconnect();
     ASSERT_TRUE(await([&] { return losses->interruptions == 1; }));
-    auto next = resumed();
+    // There before the connection is: what is sent to a daemon of whom it has not yet heard is lost.
     auto nextDaemon = newDaemon();
+    auto next = resumed();
     linkUp(*next, *nextDaemon);
     nextDaemon->disconnect();
     bus.stop();
