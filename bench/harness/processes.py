@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -48,6 +49,16 @@ def await_that(condition, what):
         time.sleep(0.005)
 
 
+def listens(path):
+    """The socket is there a moment before someone listens on it."""
+    with socket.socket(socket.AF_UNIX) as client:
+        try:
+            client.connect(path)
+        except OSError:
+            return False
+    return True
+
+
 def end(process, number=signal.SIGTERM):
     if process.poll() is None:
         process.send_signal(number)
@@ -83,7 +94,7 @@ class Stage:
             file.write(BUS_CONFIGURATION.format(directory=self.directory))
         self._cleaning.enter_context(running(["dbus-daemon", "--nofork", "--nopidfile",
                                               f"--config-file={configuration}"], stderr=subprocess.DEVNULL))
-        await_that(lambda: os.path.exists(f"{self.directory}/bus"), "the bus does not listen")
+        await_that(lambda: listens(f"{self.directory}/bus"), "the bus does not listen")
         return self
 
     def __exit__(self, *_):
