@@ -31,35 +31,35 @@ using XpcStringReply = std::function<void(const std::string&)>;
 
 /// What the daemon exports and the agent calls through a connection's remote object proxy. Every operation is
 /// safe on any thread, returns without waiting for the daemon, and never throws; a message that cannot be
-/// sent is lost.
+/// sent, or that there is no memory for, is lost.
 class XpcDaemonProtocol {
 public:
     virtual ~XpcDaemonProtocol() = default;
 
     /// Asks the daemon to confirm the link; it answers with XpcAgentProtocol::connected.
-    virtual void connect() = 0;
+    virtual void connect() noexcept = 0;
     /// Asks whether the daemon is ready.
-    virtual void pingWithReply(XpcBoolReply reply) = 0;
+    virtual void pingWithReply(XpcBoolReply reply) noexcept = 0;
     /// Carries data, whose meaning is its sender's and its receiver's affair.
-    virtual void putMessage(const XpcData& data) = 0;
+    virtual void putMessage(const XpcData& data) noexcept = 0;
     /// The user's screen was locked or, if not, unlocked.
-    virtual void onScreenLocked(bool locked) = 0;
+    virtual void onScreenLocked(bool locked) noexcept = 0;
     /// The system's time zone changed.
-    virtual void onTimeZoneChanged() = 0;
+    virtual void onTimeZoneChanged() noexcept = 0;
     /// Asks for XpcAgentProtocol::networkReachability. Not sent by this agent.
-    virtual void requestForNetworkReachability() = 0;
+    virtual void requestForNetworkReachability() noexcept = 0;
     /// Asks for XpcAgentProtocol::initRmmMessage. Not sent by this agent.
-    virtual void requestForInitRmm() = 0;
+    virtual void requestForInitRmm() noexcept = 0;
     /// Asks for XpcAgentProtocol::logLevel; how `level` is read is the daemon's affair.
-    virtual void requestForLogLevel(std::int32_t level) = 0;
+    virtual void requestForLogLevel(std::int32_t level) noexcept = 0;
     /// Asks when the agent was heard last, in the daemon's own unit. Not sent by this agent.
-    virtual void lastCommunicationTime(XpcNumberReply reply) = 0;
+    virtual void lastCommunicationTime(XpcNumberReply reply) noexcept = 0;
     /// Asks for the name of the agent's user. Not sent by this agent.
-    virtual void loggedUser(XpcStringReply reply) = 0;
+    virtual void loggedUser(XpcStringReply reply) noexcept = 0;
     /// Asks how long the daemon runs, in the daemon's own unit. Not sent by this agent.
-    virtual void upTime(XpcNumberReply reply) = 0;
+    virtual void upTime(XpcNumberReply reply) noexcept = 0;
     /// Asks for the daemon's monitors. Not sent by this agent.
-    virtual void requestForRmmMonitors() = 0;
+    virtual void requestForRmmMonitors() noexcept = 0;
 };
 
 /// What the agent exports and the daemon calls. The operations of one connection arrive one at a time, in the

@@ -25,26 +25,26 @@ class FakeDaemon final : public XpcDaemonProtocol {
 public:
     explicit FakeDaemon(std::string name) : m_name(std::move(name)) {}
 
-    void connect() override { note("connect"); }
-    void pingWithReply(XpcBoolReply reply) override {
+    void connect() noexcept override { note("connect"); }
+    void pingWithReply(XpcBoolReply reply) noexcept override {
         note("pingWithReply:");
         const std::lock_guard<std::mutex> lock(connectionsMutex);
         pings.push_back(std::move(reply));
     }
-    void putMessage(const XpcData& data) override {
+    void putMessage(const XpcData& data) noexcept override {
         note("putMessage: <" + std::string(data.bytes, data.length) + ">");
     }
-    void onScreenLocked(bool locked) override { note("onScreenLocked: " + yesOrNo(locked)); }
-    void onTimeZoneChanged() override { note("onTimeZoneChanged"); }
-    void requestForNetworkReachability() override { note("requestForNetworkReachability"); }
-    void requestForInitRmm() override { note("requestForInitRmm"); }
-    void requestForLogLevel(std::int32_t level) override {
+    void onScreenLocked(bool locked) noexcept override { note("onScreenLocked: " + yesOrNo(locked)); }
+    void onTimeZoneChanged() noexcept override { note("onTimeZoneChanged"); }
+    void requestForNetworkReachability() noexcept override { note("requestForNetworkReachability"); }
+    void requestForInitRmm() noexcept override { note("requestForInitRmm"); }
+    void requestForLogLevel(std::int32_t level) noexcept override {
         note("requestForLogLevel: " + std::to_string(level));
     }
-    void lastCommunicationTime(XpcNumberReply /*reply*/) override { note("lastCommunicationTime:"); }
-    void loggedUser(XpcStringReply /*reply*/) override { note("loggedUser:"); }
-    void upTime(XpcNumberReply /*reply*/) override { note("upTime:"); }
-    void requestForRmmMonitors() override { note("requestForRmmMonitors"); }
+    void lastCommunicationTime(XpcNumberReply /*reply*/) noexcept override { note("lastCommunicationTime:"); }
+    void loggedUser(XpcStringReply /*reply*/) noexcept override { note("loggedUser:"); }
+    void upTime(XpcNumberReply /*reply*/) noexcept override { note("upTime:"); }
+    void requestForRmmMonitors() noexcept override { note("requestForRmmMonitors"); }
 
 private:
     void note(const std::string& message) const { CallTrace::instance().add(m_name + ": sent " + message); }

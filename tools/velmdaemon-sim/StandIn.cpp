@@ -104,12 +104,12 @@ public:
     Conversation(StandIn& owner, std::string address, Introduction introduction)
         : m_owner(owner), m_address(std::move(address)), m_introduction(std::move(introduction)) {}
 
-    void connect() override {
+    void connect() noexcept override {
         m_owner.meet(m_address, m_introduction);
         tell("connect");
         m_owner.answerConnect(m_address);
     }
-    void pingWithReply(XpcBoolReply reply) override {
+    void pingWithReply(XpcBoolReply reply) noexcept override {
         tell("pingWithReply:");
         if (m_owner.m_behaviour.ping != Ping::Never) {
             const bool flag = m_owner.m_behaviour.ping == Ping::Yes;
@@ -117,12 +117,12 @@ public:
             reply(flag);
         }
     }
-    void putMessage(const XpcData& data) override { tell("putMessage:", {data}); }
-    void onScreenLocked(bool locked) override { tell("onScreenLocked:", {locked}); }
-    void onTimeZoneChanged() override { tell("onTimeZoneChanged"); }
-    void requestForNetworkReachability() override { tell("requestForNetworkReachability"); }
-    void requestForInitRmm() override { tell("requestForInitRmm"); }
-    void requestForLogLevel(std::int32_t level) override {
+    void putMessage(const XpcData& data) noexcept override { tell("putMessage:", {data}); }
+    void onScreenLocked(bool locked) noexcept override { tell("onScreenLocked:", {locked}); }
+    void onTimeZoneChanged() noexcept override { tell("onTimeZoneChanged"); }
+    void requestForNetworkReachability() noexcept override { tell("requestForNetworkReachability"); }
+    void requestForInitRmm() noexcept override { tell("requestForInitRmm"); }
+    void requestForLogLevel(std::int32_t level) noexcept override {
         tell("requestForLogLevel:", {std::int64_t{level}});
         const auto found = m_owner.m_agents.find(m_address);
         if (found != m_owner.m_agents.end()) {
@@ -131,7 +131,7 @@ public:
         }
     }
     // In seconds since 1970; 0 for a caller that never sent `connect`.
-    void lastCommunicationTime(XpcNumberReply reply) override {
+    void lastCommunicationTime(XpcNumberReply reply) noexcept override {
         const auto found = m_owner.m_agents.find(m_address);
         std::int64_t seconds = 0;
         if (found != m_owner.m_agents.end()) {
@@ -140,7 +140,7 @@ public:
         tell("lastCommunicationTime:");
         answerNumber("lastCommunicationTime:", seconds, reply);
     }
-    void loggedUser(XpcStringReply reply) override {
+    void loggedUser(XpcStringReply reply) noexcept override {
         tell("loggedUser:");
         const auto found = m_owner.m_agents.find(m_address);
         const std::string user = found == m_owner.m_agents.end() ? std::string() : found->second.peer.user;
@@ -148,12 +148,12 @@ public:
         reply(user);
     }
     // In seconds, of this program.
-    void upTime(XpcNumberReply reply) override {
+    void upTime(XpcNumberReply reply) noexcept override {
         tell("upTime:");
         const auto up = std::chrono::steady_clock::now() - m_owner.m_started;
         answerNumber("upTime:", std::chrono::duration_cast<std::chrono::seconds>(up).count(), reply);
     }
-    void requestForRmmMonitors() override { tell("requestForRmmMonitors"); }
+    void requestForRmmMonitors() noexcept override { tell("requestForRmmMonitors"); }
 
 private:
     void tell(std::string_view selector, const Values& arguments = {}) {

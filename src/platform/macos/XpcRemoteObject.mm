@@ -1,5 +1,7 @@
 #import "platform/macos/XpcRemoteObject.h"
 
+#include <memory>
+#include <new>
 #include <utility>
 
 #import "platform/macos/XpcObjCProtocols.h"
@@ -10,7 +12,8 @@ namespace {
 
 // Callers are threads of the agent's own, which have no autorelease pool, so each call brings its own. The
 // methods are noexcept so that an exception of Foundation's, too, ends the process rather than a caller's
-// loop.
+// loop. A reply is shared by the copies that the system makes of its block: copying it may need memory, and
+// must not where the system is the one who copies.
 class RemoteObject : public XpcDaemonProtocol {
 public:
     RemoteObject(NSXPCConnection* connection, std::shared_ptr<XpcDelivery> delivery)
@@ -21,9 +24,11 @@ public:
     }
 
     void pingWithReply(XpcBoolReply reply) noexcept override {
-        send([delivery = m_delivery, reply](Daemon daemon) {
+        send([&](Daemon daemon) {
+            const auto held = share(reply);
+            const auto delivery = m_delivery;
             [daemon pingWithReply:^(BOOL answer) {
-                delivery->deliver([&] { reply(answer != NO); });
+                delivery->deliver([&] { (*held)(answer != NO); });
             }];
         });
     }
@@ -53,25 +58,31 @@ public:
     }
 
     void lastCommunicationTime(XpcNumberReply reply) noexcept override {
-        send([delivery = m_delivery, reply](Daemon daemon) {
+        send([&](Daemon daemon) {
+            const auto held = share(reply);
+            const auto delivery = m_delivery;
             [daemon lastCommunicationTime:^(NSNumber* time) {
-                delivery->deliver([&] { reply(toXpcNumber(time)); });
+                delivery->deliver([&] { (*held)(toXpcNumber(time)); });
             }];
         });
     }
 
     void loggedUser(XpcStringReply reply) noexcept override {
-        send([delivery = m_delivery, reply](Daemon daemon) {
+        send([&](Daemon daemon) {
+            const auto held = share(reply);
+            const auto delivery = m_delivery;
             [daemon loggedUser:^(NSString* user) {
-                delivery->deliver([&] { reply(toString(user)); });
+                delivery->deliver([&] { (*held)(toString(user)); });
             }];
         });
     }
 
     void upTime(XpcNumberReply reply) noexcept override {
-        send([delivery = m_delivery, reply](Daemon daemon) {
+        send([&](Daemon daemon) {
+            const auto held = share(reply);
+            const auto delivery = m_delivery;
             [daemon upTime:^(NSNumber* time) {
-                delivery->deliver([&] { reply(toXpcNumber(time)); });
+                delivery->deliver([&] { (*held)(toXpcNumber(time)); });
             }];
         });
     }
@@ -83,13 +94,23 @@ public:
 private:
     using Daemon = id<XpcDaemonProtocol>;
 
+    template <typename Reply>
+    static std::shared_ptr<const Reply> share(Reply& reply) {
+        return std::make_shared<const Reply>(std::move(reply));
+    }
+
+    // The way of every message. One that our own side has no memory for is lost quietly.
     template <typename Message>
     void send(const Message& message) const noexcept {
         if (m_connection == nil) {
             return;
         }
         @autoreleasepool {
-            message(m_connection.remoteObjectProxy);
+            try {
+                message(m_connection.remoteObjectProxy);
+            } catch (const std::bad_alloc&) {
+                return;
+            }
         }
         m_delivery->messageSent();
     }

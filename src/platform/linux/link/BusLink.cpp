@@ -1,5 +1,6 @@
 #include "platform/linux/link/BusLink.h"
 
+#include <functional>
 #include <utility>
 
 #include "platform/linux/link/LinkLoop.h"
@@ -46,16 +47,17 @@ void BusLink::send(OutgoingCall call) {
 }
 
 void BusLink::startThread() {
+    // Made before the thread counts as started: if there is no memory for them, the next message tries again.
+    std::function<void()> body = [self = shared_from_this()] { self->run(); };
+    std::function<void()> requestStop = [weak = weak_from_this()] {
+        if (const auto self = weak.lock()) {
+            self->release();
+        }
+    };
     if (m_threadStarted.exchange(true)) {
         return;
     }
-    m_threadStarted = PrivateThreads::instance().start(
-        "velm-link", [self = shared_from_this()] { self->run(); },
-        [weak = weak_from_this()] {
-            if (const auto self = weak.lock()) {
-                self->release();
-            }
-        });
+    m_threadStarted = PrivateThreads::instance().start("velm-link", std::move(body), std::move(requestStop));
 }
 
 void BusLink::release() {

@@ -39,7 +39,7 @@ public:
 
     /// Sends a call to the daemon. Lost quietly before `resume`, after the link was lost or released, if it
     /// is larger than the bus carries, while there is no daemon that may be heard, and while too much waits
-    /// already.
+    /// already. Throws std::bad_alloc if there is no memory for it; the link goes on.
     void send(OutgoingCall call);
 
     /// Ends the link: from now on no handler is called, the exported object is let go, and the thread ends.

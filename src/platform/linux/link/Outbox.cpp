@@ -42,9 +42,11 @@ bool Outbox::append(OutgoingCall call) {
     }
     m_used = true;
     if (m_state == State::Open && fits(call, size)) {
-        m_bytes += size;
-        m_replies += call.wantsReply() ? 1U : 0U;
+        const bool wantsReply = call.wantsReply();
         m_calls.push_back(std::move(call));
+        // What there was no memory for takes no room.
+        m_bytes += size;
+        m_replies += wantsReply ? 1U : 0U;
     }
     notify();
     return true;

@@ -41,7 +41,8 @@ public:
     void close();
     bool isOpen() const;
 
-    /// Leaves a call here, unless it does not fit; false if the outbox is not open.
+    /// Leaves a call here, unless it does not fit; false if the outbox is not open. Throws std::bad_alloc if
+    /// there is no memory for it; then it is as if it had not fitted.
     bool append(OutgoingCall call);
     /// Whether any call was appended while it was open, also one that was dropped.
     bool used() const;

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <new>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -23,9 +24,10 @@ bool PrivateThreads::start(const char* name, std::function<void()> body, std::fu
         return false;
     }
     joinEnded();
-    m_entries.emplace_back();
-    Entry& entry = m_entries.back();
+    // On a list of its own until it has its thread.
+    std::list<Entry> started;
     try {
+        Entry& entry = started.emplace_back();
         entry.thread = std::thread([this, &entry, body = std::move(body)]() mutable {
             body();
             // What the body holds goes before the thread counts as ended: a join must mean that nothing is
@@ -35,11 +37,13 @@ bool PrivateThreads::start(const char* name, std::function<void()> body, std::fu
             entry.ended = true;
         });
     } catch (const std::system_error&) {
-        m_entries.pop_back();
+        return false;
+    } catch (const std::bad_alloc&) {
         return false;
     }
-    entry.requestStop = std::move(requestStop);
-    pthread_setname_np(entry.thread.native_handle(), name);
+    started.front().requestStop = std::move(requestStop);
+    pthread_setname_np(started.front().thread.native_handle(), name);
+    m_entries.splice(m_entries.end(), started);
     return true;
 }
 
