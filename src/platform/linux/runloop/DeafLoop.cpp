@@ -10,9 +10,8 @@ void tellThatLoopIsDeaf() noexcept {
     static std::atomic<bool> told{false};
     if (!told.exchange(true)) {
         writeSystemLog(
-            "[ERROR] No descriptors or timers left for the event loop; screen locks and time zone changes "
-            "may be "
-            "missed",
+            "[ERROR] No descriptors or timers left for the event loop; "
+            "screen locks and time zone changes may be missed",
             "");
     }
 }
