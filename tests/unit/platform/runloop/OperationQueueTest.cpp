@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/ScarceThreads.h"
+
 namespace {
 
 std::shared_ptr<platform::IOperationQueue> serialQueue() {
@@ -109,6 +111,18 @@ TEST(OperationQueue, RunsAsManyAtOnceAsItIsWide) {
     for (auto& end : ends) {
         end.get_future().wait();
     }
+}
+
+TEST(OperationQueue, WithoutAThreadKeepsWhatWasAddedUntilThereIsOne) {
+    const auto queue = serialQueue();
+    std::vector<int> order;
+    {
+        const fake::ScarceThreads scarce;
+        queue->addOperation([&] { order.push_back(1); });
+    }
+    queue->addOperation([&] { order.push_back(2); });
+    waitUntilIdle(*queue);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
 }  // namespace

@@ -5,6 +5,9 @@
 #include <atomic>
 #include <future>
 #include <memory>
+#include <thread>
+
+#include "support/ScarceThreads.h"
 
 namespace {
 
@@ -81,6 +84,22 @@ TEST(PrivateThreads, DestructionJoinsWhatIsLeft) {
             [stop] { stop->set_value(); });
     }
     EXPECT_TRUE(ended);
+}
+
+TEST(PrivateThreads, SaysSoWhenTheSystemGivesNoThreadAndForgetsWhatWasToRun) {
+    PrivateThreads threads;
+    bool called = false;
+    {
+        const fake::ScarceThreads scarce;
+        EXPECT_FALSE(threads.start(
+            "test", [&] { called = true; }, [&] { called = true; }));
+    }
+    std::promise<void> ran;
+    EXPECT_TRUE(threads.start(
+        "test", [&] { ran.set_value(); }, [] {}));
+    ran.get_future().wait();
+    threads.drain();
+    EXPECT_FALSE(called);
 }
 
 }  // namespace
