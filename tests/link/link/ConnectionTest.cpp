@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,6 +23,7 @@
 #include "link/support/RecordingAgent.h"
 #include "platform/XpcConnection.h"
 #include "platform/linux/link/WireNames.h"
+#include "support/ScarceThreads.h"
 
 // What a connection promises its users, on a real bus, with the daemon played by the test.
 
@@ -269,6 +271,28 @@ TEST_F(ConnectionOnABus, HoldsNoMoreBytesThanTwoLargeCallsHave) {
     EXPECT_TRUE(await([&] { return agent->calls().size() == 3; }));
 }
 
+TEST_F(ConnectionOnABus, HasRoomForTheCallsOfTheNextDaemonInAHurry) {
+    const std::vector<char> bytes(std::size_t{20} << 20U, 'x');
+    auto daemon = newDaemon();
+    auto connection = resumed();
+    const BusTarget target = agentAt(nameOfAgent(*daemon));
+    const auto sendThree = [&] {
+        for (int i = 0; i < 3; ++i) {
+            auto message = daemon->newCall(target, "putMessage");
+            ASSERT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
+            daemon->send(message);
+        }
+        // The refusal comes in its turn, so those before it were seen.
+        EXPECT_EQ(daemon->call(target, "nonsense", "").error, "org.freedesktop.DBus.Error.UnknownMethod");
+    };
+    sendThree();
+    daemon->disconnect();
+    daemon = newDaemon();
+    sendThree();
+    connection->remoteObjectProxy()->connect();
+    EXPECT_TRUE(await([&] { return agent->calls().size() == 3; }));
+}
+
 TEST_F(ConnectionOnABus, KeepsCallsThatComeBeforeTheBusSaidWhoRunsTheDaemon) {
     auto connection = resumed();
     connection->remoteObjectProxy()->connect();
@@ -429,6 +453,49 @@ TEST_F(Connection, MessagesBeforeResumeDoNotMakeALossShow) {
     connection->resume();
     link_tests::pumpFor(milliseconds(300));
     EXPECT_EQ(losses->all(), 0);
+}
+
+TEST_F(ConnectionOnABus, ResumedWithoutAThreadItStartsWithItsNextMessage) {
+    auto daemon = newDaemon();
+    auto connection = newConnection();
+    {
+        const fake::ScarceThreads scarce;
+        connection->resume();
+        connection->remoteObjectProxy()->onScreenLocked(true);
+    }
+    connection->remoteObjectProxy()->onScreenLocked(false);
+    ASSERT_TRUE(await([&] { return daemon->calls().size() == 2; }));
+    EXPECT_EQ(textsOf(*daemon), (std::vector<std::string>{"onScreenLocked true", "onScreenLocked false"}));
+}
+
+TEST_F(ConnectionOnABus, MadeWithoutADescriptorLeftItIsLostOnceItSends) {
+    auto daemon = newDaemon();
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    auto connection = newConnection();
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    connection->resume();
+    // What is said to a link that nothing wakes would otherwise wait for ever.
+    link_tests::pumpFor(milliseconds(300));
+    EXPECT_EQ(losses->all(), 0);
+    connection->remoteObjectProxy()->connect();
+    ASSERT_TRUE(await([&] { return losses->invalidations == 1; }));
+    linkUp(*resumed(), *daemon);
+}
+
+TEST_F(ConnectionOnABus, WhatWasSentRightBeforeItsReleaseStillGoesOut) {
+    auto daemon = newDaemon();
+    for (int round = 0; round < 20; ++round) {
+        auto connection = resumed();
+        linkUp(*connection, *daemon);
+        const std::size_t before = daemon->calls().size();
+        connection->remoteObjectProxy()->onScreenLocked(true);
+        connection.reset();
+        ASSERT_TRUE(await([&] { return daemon->calls().size() > before; }, std::chrono::seconds(15)));
+        EXPECT_EQ(daemon->calls().back().text, "onScreenLocked true");
+    }
 }
 
 TEST_F(ConnectionOnABus, AProxyMayOutliveItsConnection) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -12,6 +13,7 @@
 #include "link/support/RecordingAgent.h"
 #include "link/support/ScriptedBus.h"
 #include "link/support/TempDirectory.h"
+#include "platform/LossPacing.h"
 #include "platform/XpcConnection.h"
 
 // What a connection makes of a bus that answers late, in another order, with errors, or not at all.
@@ -28,6 +30,8 @@ constexpr const char* askOwner = "GetNameOwner \"com.brovik.velmdaemon\"";
 constexpr const char* accessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 constexpr const char* limitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* noOwner = "org.freedesktop.DBus.Error.NameHasNoOwner";
+constexpr const char* agentPath = "/com/brovik/velmmonitord";
+constexpr const char* introspectable = "org.freedesktop.DBus.Introspectable";
 constexpr std::uint32_t stranger = 4321;
 
 std::string askUser(const std::string& name) {
@@ -70,6 +74,10 @@ protected:
         return await([&] { return bus.replies().size() >= count; });
     }
 
+    static std::int64_t now() { return std::chrono::steady_clock::now().time_since_epoch().count(); }
+
+    std::atomic<std::int64_t> lastCall{0};        ///< in nanoseconds
+    std::atomic<std::int64_t> lossAfterCall{-1};  ///< in nanoseconds
     link_tests::TempDirectory directory;
     const std::string socketPath = directory.path() + "/bus";
     ScriptedBus bus{socketPath};
@@ -117,6 +125,32 @@ TEST_F(ConnectionOnAScriptedBus, ALateAnswerAboutAFormerOwnersUserIsNotTakenForT
     ASSERT_TRUE(awaitReplies(1));
     EXPECT_EQ(bus.replies().back(), accessDenied);
     EXPECT_TRUE(agent->calls().empty());
+}
+
+TEST_F(ConnectionOnAScriptedBus, ALateAnswerAboutAFormerOwnersUserOpensNoWayToNobody) {
+    bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+    const std::size_t former = bus.awaitQuestion(askUser(":1.5"));
+    bus.nameOwnerChanged(daemonName, ":1.5", "");
+    bus.answer(former, "u", 0U);
+    bus.call(":1.9", "connected", "b", 1);
+    ASSERT_TRUE(awaitReplies(1)) << "all that came before has been seen";
+    daemon()->connect();
+    bus.answerWithError(bus.awaitQuestion(askOwner, 2), noOwner);
+    bus.awaitQuestion(askOwner, 3);
+    EXPECT_EQ(bus.count("connect"), 0U);
+}
+
+TEST_F(ConnectionOnAScriptedBus, CallsThatWaitedForTheirSendersUserWaitForTheFirstMessageToo) {
+    bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+    const std::size_t question = bus.awaitQuestion(askUser(":1.5"));
+    bus.call(":1.5", "connected", "b", 1);
+    bus.answer(question, "u", 0U);
+    bus.call(":1.9", "connected", "b", 1);
+    ASSERT_TRUE(awaitReplies(1)) << "all that came before has been seen";
+    EXPECT_EQ(bus.replies().back(), accessDenied);
+    EXPECT_TRUE(agent->calls().empty());
+    daemon()->connect();
+    ASSERT_TRUE(await([&] { return agent->calls().size() == 1; }));
 }
 
 TEST_F(ConnectionOnAScriptedBus, TrustEndsWithTheOwnerWhoHadIt) {
@@ -275,15 +309,110 @@ TEST_F(ConnectionOnAScriptedBus, NoCallIsDeliveredAfterTheLossAndNoneOnceItIsRel
 
 TEST_F(ConnectionOnAScriptedBus, TheLossKeepsItsDistanceFromTheLastCall) {
     linkUp();
-    std::atomic<std::int64_t> between{-1};
-    std::atomic<std::int64_t> returned{0};
-    const auto now = [] { return std::chrono::steady_clock::now().time_since_epoch().count(); };
-    agent->onConnected = [&] { returned = now(); };
-    connection->setInterruptionHandler([&] { between = now() - returned; });
+    agent->onConnected = [this] { lastCall = now(); };
+    connection->setInterruptionHandler([this] { lossAfterCall = now() - lastCall; });
     bus.call(":1.5", "connected", "b", 1);
     bus.nameOwnerChanged(daemonName, ":1.5", "");
-    ASSERT_TRUE(await([&] { return between >= 0; }));
-    EXPECT_GE(std::chrono::nanoseconds(between), std::chrono::milliseconds(100));
+    ASSERT_TRUE(await([&] { return lossAfterCall >= 0; }));
+    EXPECT_GE(std::chrono::nanoseconds(lossAfterCall), platform::LossPacing::distanceToCalls);
+}
+
+TEST_F(ConnectionOnAScriptedBus, TheLossKeepsItsDistanceFromTheLastAnswerToo) {
+    linkUp();
+    connection->setInterruptionHandler([this] { lossAfterCall = now() - lastCall; });
+    daemon()->pingWithReply([this](bool) { lastCall = now(); });
+    bus.answer(bus.awaitQuestion("pingWithReply"), "b", 1);
+    bus.nameOwnerChanged(daemonName, ":1.5", "");
+    ASSERT_TRUE(await([&] { return lossAfterCall >= 0; }));
+    EXPECT_GE(std::chrono::nanoseconds(lossAfterCall), platform::LossPacing::distanceToCalls);
+}
+
+TEST_F(ConnectionOnAScriptedBus, NoAnswerIsDeliveredOnceItIsReleased) {
+    std::atomic<bool> released{false};
+    agent->onConnected = [&] {
+        connection.reset();
+        released = true;
+    };
+    linkUp();
+    const auto answers = std::make_shared<std::atomic<int>>(0);
+    for (int i = 0; i < 50; ++i) {
+        daemon()->pingWithReply([answers](bool) { ++*answers; });
+    }
+    const std::size_t last = bus.awaitQuestion("pingWithReply", 50);
+    bus.call(":1.5", "connected", "b", 1);
+    for (std::size_t place = bus.awaitQuestion("pingWithReply"); place <= last; ++place) {
+        bus.answer(place, "b", 1);
+    }
+    ASSERT_TRUE(await([&] { return released.load(); }));
+    EXPECT_TRUE(await([&] { return answers.use_count() == 1; })) << "the blocks are let go";
+    EXPECT_EQ(*answers, 0);
+}
+
+TEST_F(ConnectionOnAScriptedBus, WhatHandlersHoldIsLetGoWhenItIsReleasedWhileItsProxyLives) {
+    linkUp();
+    const auto proxy = daemon();
+    connection.reset();
+    EXPECT_EQ(losses.use_count(), 1);
+}
+
+TEST_F(ConnectionOnAScriptedBus, AStrangerIsDeniedWhateverHeCalls) {
+    linkUp();
+    bus.call(":1.9", "connected", "b", 1);
+    bus.call(":1.9", "connected", "s", "yes");
+    bus.call(":1.9", "nonsense", "");
+    bus.callOther(":1.9", "/nowhere", "com.example.Other", "Nonsense");
+    bus.callOther(":1.9", agentPath, "org.freedesktop.DBus.Properties", "GetAll");
+    bus.callOther(":1.9", agentPath, "org.freedesktop.DBus.Peer", "Ping");
+    ASSERT_TRUE(awaitReplies(6));
+    EXPECT_EQ(bus.replies(), std::vector<std::string>(6, accessDenied));
+    EXPECT_TRUE(agent->calls().empty());
+}
+
+TEST_F(ConnectionOnAScriptedBus, OnlyRootMayIntrospect) {
+    linkUp();
+    bus.callOther(":1.8", agentPath, introspectable, "Introspect");
+    bus.answer(bus.awaitQuestion(askUser(":1.8")), "u", stranger);
+    ASSERT_TRUE(awaitReplies(1));
+    EXPECT_EQ(bus.replies().back(), accessDenied);
+    bus.callOther(":1.9", agentPath, introspectable, "Introspect");
+    bus.answer(bus.awaitQuestion(askUser(":1.9")), "u", 0U);
+    ASSERT_TRUE(awaitReplies(2));
+    EXPECT_EQ(bus.replies().back(), "") << "described";
+    bus.callOther(":1.7", agentPath, introspectable, "Introspect");
+    bus.answerWithError(bus.awaitQuestion(askUser(":1.7")), limitsExceeded);
+    ASSERT_TRUE(awaitReplies(3));
+    EXPECT_EQ(bus.replies().back(), accessDenied) << "where the bus cannot tell who he is";
+}
+
+TEST_F(ConnectionOnAScriptedBus, StrangersHaveTheBusAskedAboutNoMoreThanSixteenOfThemAtATime) {
+    linkUp();
+    for (int i = 0; i < 17; ++i) {
+        bus.callOther(":1.8", agentPath, introspectable, "Introspect");
+    }
+    ASSERT_TRUE(awaitReplies(1));
+    EXPECT_EQ(bus.replies().back(), accessDenied);
+    bus.answer(bus.awaitQuestion(askUser(":1.8"), 16), "u", 0U);
+    ASSERT_TRUE(awaitReplies(2));
+    EXPECT_EQ(bus.count(askUser(":1.8")), 16U);
+    bus.callOther(":1.8", agentPath, introspectable, "Introspect");
+    bus.awaitQuestion(askUser(":1.8"), 17);
+}
+
+TEST_F(ConnectionOnAScriptedBus, AStrangerWhoTakesNoRefusalsGetsNoMoreOfThem) {
+    linkUp();
+    // Far more than the sockets have room for: some twenty thousand each way.
+    constexpr std::size_t calls = 120000;
+    for (std::size_t i = 0; i < calls; ++i) {
+        bus.call(":1.9", "connected", "b", 1);
+    }
+    bus.flush();
+    bus.call(":1.5", "connected", "b", 1);
+    ASSERT_TRUE(await([&] { return agent->calls().size() == 1; })) << "all calls have been seen";
+    daemon()->onTimeZoneChanged();
+    bus.awaitQuestion("onTimeZoneChanged");  // Behind all that was said before.
+    EXPECT_LT(bus.replies().size(), calls / 4 * 3);
+    EXPECT_GE(bus.replies().size(), 1024U);
+    EXPECT_EQ(losses->all(), 0);
 }
 
 }  // namespace

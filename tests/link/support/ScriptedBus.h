@@ -53,6 +53,15 @@ public:
               "new call");
         sendFrom(sender, MessageHandle(call), types, arguments...);
     }
+    /// `sender` calls a method without arguments that is none of the agent's protocol.
+    void callOther(const char* sender, const char* path, const char* interface, const char* member) {
+        sd_bus_message* call = nullptr;
+        check(sd_bus_message_new_method_call(m_connection.get(), &call, clientName, path, interface, member),
+              "new call");
+        sendFrom(sender, MessageHandle(call), "");
+    }
+    /// Waits until everything that was said has been taken, and reads nothing meanwhile.
+    void flush() { check(sd_bus_flush(m_connection.get()), "flush"); }
     /// The errors that came back, by name, and "" for each answer that is none.
     const std::vector<std::string>& replies() const { return m_replies; }
 
