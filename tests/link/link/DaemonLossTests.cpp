@@ -103,6 +103,8 @@ TEST_F(DaemonLoss, EventsWithoutADaemonAreLostAndNotRepeated) {
     const std::size_t mark = agent->log().mark();
     logind->setLockedHint(ownSession, true);
     ASSERT_TRUE(agent->log().await(message::sendingStatus, mark));
+    // The line is written before its message is sent, which a daemon that comes just then may get.
+    ASSERT_TRUE(agent->log().awaitCount(message::tick, 1, mark));
 
     FakeDaemon restarted(bus.address());
     ASSERT_TRUE(confirmLink(restarted));
