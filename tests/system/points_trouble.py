@@ -15,6 +15,7 @@ def points(report, world):
     report.check("a home that cannot be written: one line in the system log, and the agent works", read_only_home,
                  world)
     report.check("a full disk at start: the agent works without its log", full_disk, world)
+    report.check("a home that vanishes: the agent works on, also when it is started anew", vanished_home, world)
     report.check("a log directory that its user made is left as it is", own_log_directory, world)
 
 
@@ -79,8 +80,45 @@ def read_only_home(world):
     session = frank.log_in()
     linked_quietly(world, frank, since)
     assert not frank.log_path().exists()
-    lines = [line for line in world.container.journal("--identifier=velmmonitord") if "frank" in line]
-    assert lines == [FAILURE + "/home/frank/Library/Logs/velmmonitord.log"], lines
+    assert system_log(world, frank) == [FAILURE + "/home/frank/Library/Logs/velmmonitord.log"]
+    session.logout()
+
+
+def system_log(world, user):
+    """What the user's agents said there."""
+    return [line for line in world.container.journal("--identifier=velmmonitord") if f"/home/{user.name}/" in line]
+
+
+def tells_the_daemon(world, user, session):
+    """For want of a log the daemon says what it was told."""
+    since = world.daemon.mark()
+    for locked, call in ((True, "onScreenLocked YES"), (False, "onScreenLocked NO")):
+        session.set_locked_hint(locked)
+        world.daemon.wait_for(user, since, call)
+    assert world.daemon.received(user, since) == ["onScreenLocked YES", "onScreenLocked NO"]
+
+
+def vanished_home(world):
+    """Removed under its user, as when an account's data are moved or a network's file system is gone."""
+    gina = User(world.container, "gina")
+    others = {user: user.wait_for_agent() for user in world.users}
+    since = world.daemon.mark()
+    session = gina.log_in()
+    linked_quietly(world, gina, since)
+    pid = gina.agent_pid()
+    world.container.run("rm", "--recursive", "/home/gina")
+
+    tells_the_daemon(world, gina, session)
+    assert gina.agent_pid() == pid, "the agent did not outlive its user's home"
+    assert not system_log(world, gina), "a log that was open is no failure"
+
+    since = world.daemon.mark()
+    gina.systemctl("restart", UNIT)
+    linked_quietly(world, gina, since)
+    tells_the_daemon(world, gina, session)
+    assert not gina.home.exists(), "the agent made a home"
+    assert system_log(world, gina) == [FAILURE + "/home/gina/Library/Logs/velmmonitord.log"]
+    assert {user: user.agent_pid() for user in world.users} == others, "another user's agent was touched"
     session.logout()
 
 
