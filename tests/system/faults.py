@@ -35,6 +35,8 @@ class Fault:
     edit: Optional[Callable] = None
     source: Optional[str] = None
     changes: tuple = ()
+    # Whether the point is shown without the many upgrades, too.
+    brief: bool = True
 
 
 def in_file(path, *pairs):
@@ -47,6 +49,13 @@ def without_sandbox(tree):
     unit = tree / UNIT
     unit.write_text("".join(line for line in unit.read_text().splitlines(keepends=True)
                             if line == "\n" or (line.startswith(kept) and not line.startswith("Restrict"))))
+
+
+def asks_for_all_users_at_once(tree):
+    invoke = "deb-systemd-invoke --user {} velmmonitord.service >/dev/null || true"
+    for script, action, word in (("postinst", "refresh", "restart"), ("prerm", "stop", "stop")):
+        replace(tree / "DEBIAN" / script,
+                (f"/usr/libexec/velmmonitord/user-agents {action} || true", invoke.format(word)))
 
 
 FAULTS = (
@@ -79,6 +88,8 @@ FAULTS = (
           in_file(UNIT, ("RestartSec=5s", "RestartSec=25s"))),
     Fault("log-directory-for-everybody", "a new user's log directory has mode 0700",
           in_file("usr/share/user-tmpfiles.d/velmmonitord.conf", (":0700", ":0755"))),
+    Fault("one-user-decides", "an upgrade with one user's agent masked", asks_for_all_users_at_once, brief=False),
+    Fault("needs-its-home", "a home that vanishes", in_file(UNIT, ("Type=exec", "Type=exec\nWorkingDirectory=%h"))),
 )
 
 
@@ -132,7 +143,8 @@ def boot(fault, packages, previous, tarball, log):
         root = pathlib.Path(work) / "root"
         root.mkdir()
         subprocess.run(["tar", "-C", root, "-xf", tarball], check=True)
-        test = subprocess.Popen([sys.executable, "-B", HERE / "booted.py", "--brief", "--root", root, "--packages",
+        brief = ["--brief"] if fault.brief else []
+        test = subprocess.Popen([sys.executable, "-B", HERE / "booted.py", *brief, "--root", root, "--packages",
                                  packages, "--previous", previous], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                 text=True)
         failed = []
