@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "linux/DBusAgent.h"
@@ -52,6 +53,21 @@ BusHandle openBus(const BusOptions& options) {
 bool isFromBus(sd_bus_message* signal) {
     const char* sender = sd_bus_message_get_sender(signal);
     return sender != nullptr && std::string_view(sender) == busName;
+}
+
+// What the bus knows about a connection; nothing once that is gone. Not by GetConnectionCredentials, which
+// sd_bus_get_name_creds(3) of newer versions calls: a newer dbus-broker encloses a file descriptor in its
+// answer, and disconnects whoever accepts none, as this program does.
+std::optional<std::uint32_t> askAbout(sd_bus* bus, const std::string& sender, const char* method) {
+    sd_bus_message* raw = nullptr;
+    const int asked =
+        sd_bus_call_method(bus, busName, busPath, busName, method, nullptr, &raw, "s", sender.c_str());
+    const MessageHandle answer(raw);
+    std::uint32_t number = 0;
+    if (asked < 0 || sd_bus_message_read(raw, "u", &number) < 0) {
+        return std::nullopt;
+    }
+    return number;
 }
 
 // Whether a signal of the bus is about the service's name; other connections' names are not sent here.
@@ -148,21 +164,16 @@ Peer DaemonService::introduce(const std::string& sender) {
         m_bus.get(), sender, [this, sender](const std::string& member, const std::string& why) {
             m_standIn.refused(sender, member, why);
         });
-    sd_bus_creds* raw = nullptr;
-    if (sd_bus_get_name_creds(m_bus.get(), sender.c_str(), SD_BUS_CREDS_PID | SD_BUS_CREDS_EUID, &raw) < 0) {
+    const auto uid = askAbout(m_bus.get(), sender, "GetConnectionUnixUser");
+    if (!uid) {
         m_delays.after(std::chrono::milliseconds(0), [this, sender] { m_standIn.left(sender); });
         return peer;
     }
-    const CredsHandle creds(raw);
-    pid_t pid = 0;
-    if (sd_bus_creds_get_pid(creds.get(), &pid) >= 0) {
-        peer.description += ", pid " + std::to_string(pid);
+    if (const auto pid = askAbout(m_bus.get(), sender, "GetConnectionUnixProcessID")) {
+        peer.description += ", pid " + std::to_string(*pid);
     }
-    uid_t uid = 0;
-    if (sd_bus_creds_get_euid(creds.get(), &uid) >= 0) {
-        peer.user = userName(uid);
-        peer.description += ", user " + peer.user;
-    }
+    peer.user = userName(*uid);
+    peer.description += ", user " + peer.user;
     return peer;
 }
 

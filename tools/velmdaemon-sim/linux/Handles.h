@@ -12,9 +12,6 @@ using platform::BusHandle;
 using platform::MessageHandle;
 using platform::SlotHandle;
 
-struct CredsUnref {
-    void operator()(sd_bus_creds* creds) const { sd_bus_creds_unref(creds); }
-};
 struct EventUnref {
     void operator()(sd_event* event) const { sd_event_unref(event); }
 };
@@ -22,7 +19,6 @@ struct SourceUnref {
     void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
 };
 
-using CredsHandle = std::unique_ptr<sd_bus_creds, CredsUnref>;
 using EventHandle = std::unique_ptr<sd_event, EventUnref>;
 /// Also switches the source off, for the loop may hold it a moment longer.
 using SourceHandle = std::unique_ptr<sd_event_source, SourceUnref>;
