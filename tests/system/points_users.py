@@ -157,7 +157,7 @@ def at_once(world):
         assert {user: user.agent_pid() for user in world.users} == before, "an operation that was refused touched agents"
     finally:
         container.run("touch", GO_ON)
-        rest, _ = first.communicate(timeout=120)
+        rest, _ = first.communicate(timeout=300)
         container.run("rm", "--force", GO_ON)
     assert first.returncode == 0, rest
     all_renewed(before)
