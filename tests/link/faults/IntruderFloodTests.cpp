@@ -80,15 +80,18 @@ TEST_F(IntruderFlood, EveryKindOfCallIsRefused) {
         {agentName, agentPath, agentInterface},
         {agentName, agentPath, ""},
         {agentName, agentPath, "org.freedesktop.DBus.Properties"},
+        {agentName, agentPath, "org.freedesktop.DBus.Peer"},
         {agentName, agentPath, "org.freedesktop.DBus.Introspectable"},
         {agentName, agentPath, "org.freedesktop.DBus.ObjectManager"},
         {agentName, agentPath, "com.brovik.Other"},
         {agentName, "/", "org.freedesktop.DBus.Introspectable"},
+        {agentName, "/", "org.freedesktop.DBus.Peer"},
         {agentName, "/other", agentInterface},
     };
     const std::vector<std::string> members{
-        "connected",  "putMessage", "logLevel", "initRmmMessage",    "networkReachability",
-        "rmmMessage", "Introspect", "GetAll",   "GetManagedObjects", "other"};
+        "connected",    "putMessage", "logLevel", "initRmmMessage", "networkReachability", "rmmMessage",
+        "Introspect",   "Get",        "Set",      "GetAll",         "GetManagedObjects",   "Ping",
+        "GetMachineId", "other"};
     for (const BusTarget& target : targets) {
         for (const std::string& member : members) {
             SCOPED_TRACE(target.path + " " + target.interface + " " + member);

@@ -68,6 +68,30 @@ TEST_F(LinkIntruder, WhoIsNotTheDaemonIsDeniedWhateverItsUser) {
     EXPECT_EQ(linesBeforeTheDaemons(mark), Messages{});
 }
 
+TEST_F(LinkIntruder, WhatTheLibraryAnswersByItselfIsDeniedToStrangers) {
+    bus.start();
+    startLinked();
+    const std::string name = daemon->agent();
+    for (const uid_t user : {intruderUser, agentUser}) {
+        for (const char* path : {agentPath, "/", "/other"}) {
+            SCOPED_TRACE(std::to_string(user) + " " + path);
+            BusPeer caller(bus.address(), user);
+            const BusTarget peer{name, path, "org.freedesktop.DBus.Peer"};
+            EXPECT_EQ(caller.call(peer, "Ping", "").error, accessDenied);
+            EXPECT_EQ(caller.call(peer, "GetMachineId", "").error, accessDenied);
+            const BusTarget properties{name, path, "org.freedesktop.DBus.Properties"};
+            EXPECT_EQ(caller.call(properties, "Get", "ss", agentInterface, "any").error, accessDenied);
+            EXPECT_EQ(caller.call(properties, "GetAll", "s", agentInterface).error, accessDenied);
+            EXPECT_EQ(caller.call(properties, "Set", "ssv", agentInterface, "any", "b", 1).error,
+                      accessDenied);
+            const BusTarget introspectable{name, path, "org.freedesktop.DBus.Introspectable"};
+            EXPECT_EQ(caller.call(introspectable, "Introspect", "").error, accessDenied);
+            const BusTarget objects{name, path, "org.freedesktop.DBus.ObjectManager"};
+            EXPECT_EQ(caller.call(objects, "GetManagedObjects", "").error, accessDenied);
+        }
+    }
+}
+
 TEST_F(LinkIntruder, NoneOfTheAgentsConnectionsTakesCallsFromStrangers) {
     startSystem();
     startLinked();
