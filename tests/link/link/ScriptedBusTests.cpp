@@ -105,6 +105,16 @@ TEST_F(ConnectionOnAScriptedBus, AnAnswerThatComesBehindTheChangeItSpeaksOfChang
     EXPECT_EQ(bus.count(askUser(":1.5")), 1U);
 }
 
+TEST_F(ConnectionOnAScriptedBus, WhatTheBusLeavesUnansweredIsAskedAgain) {
+    bus.awaitQuestion(askOwner);
+    bus.answer(bus.awaitQuestion(askOwner, 2), "s", ":1.5");
+    bus.awaitQuestion(askUser(":1.5"));
+    daemon()->connect();
+    bus.answer(bus.awaitQuestion(askUser(":1.5"), 2), "u", 0U);
+    bus.awaitQuestion("connect");
+    EXPECT_EQ(losses->all(), 0);
+}
+
 TEST_F(ConnectionOnAScriptedBus, AChangeOfAnotherNameChangesNothing) {
     linkUp();
     bus.nameOwnerChanged("com.brovik.other", ":1.5", ":1.6");

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
+#include "platform/linux/bus/BusQuestion.h"
 #include "platform/linux/process/OutHandle.h"
 
 namespace platform {
@@ -35,10 +36,8 @@ BusNameOwner::BusNameOwner(sd_bus* bus, std::string name,
 void BusNameOwner::ask() {
     m_askAgain = m_asking;
     if (!m_asking) {
-        m_asking =
-            sd_bus_call_method_async(m_bus, OutHandle(m_question), busName, busPath, busName, "GetNameOwner",
-                                     &busCallback<&BusNameOwner::ownerAnswered, BusNameOwner>, this, "s",
-                                     m_name.c_str()) >= 0;
+        m_asking = askBus(m_bus, m_question, "GetNameOwner", m_name.c_str(),
+                          &busCallback<&BusNameOwner::ownerAnswered, BusNameOwner>, this) >= 0;
     }
 }
 
@@ -58,7 +57,7 @@ void BusNameOwner::ownerChanged(sd_bus_message* message) {
 
 void BusNameOwner::ownerAnswered(sd_bus_message* message) {
     m_asking = false;
-    if (m_askAgain) {
+    if (m_askAgain || isUnanswered(message)) {
         ask();
     }
     const char* owner = nullptr;

@@ -29,7 +29,8 @@ public:
 
     /// Asks the bus again. A bus drops a signal of its own that the queue of its receiver has no room for, so
     /// whoever must not miss a change asks now and then. One question is under way at a time; asked
-    /// meanwhile, it is put once more, so that an answer is always younger than the last time of asking.
+    /// meanwhile, it is put once more, so that an answer is always younger than the last time of asking; and
+    /// so is one that got no answer.
     void ask();
 
 private:

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
-#include "platform/linux/process/OutHandle.h"
+#include "platform/linux/bus/BusQuestion.h"
 
 namespace platform {
 
@@ -41,11 +41,8 @@ void DaemonOwner::ownerTold(const std::string& uniqueName) {
 
 void DaemonOwner::askUser() {
     m_trust = Trust::Asking;
-    const int asked = sd_bus_call_method_async(
-        m_bus, OutHandle(m_userQuestion), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-        "org.freedesktop.DBus", "GetConnectionUnixUser", &busCallback<&DaemonOwner::userTold, DaemonOwner>,
-        this, "s", m_uniqueName.c_str());
-    if (asked < 0) {
+    if (askBus(m_bus, m_userQuestion, "GetConnectionUnixUser", m_uniqueName.c_str(),
+               &busCallback<&DaemonOwner::userTold, DaemonOwner>, this) < 0) {
         // No answer will come to a question that did not go out.
         decide(Trust::Undecided);
     }
@@ -53,8 +50,10 @@ void DaemonOwner::askUser() {
 
 void DaemonOwner::userTold(sd_bus_message* message) {
     std::uint32_t user = 0;
-    if (sd_bus_message_is_method_error(message, nullptr) != 0 ||
-        sd_bus_message_read(message, "u", &user) < 0) {
+    if (isUnanswered(message)) {
+        askUser();
+    } else if (sd_bus_message_is_method_error(message, nullptr) != 0 ||
+               sd_bus_message_read(message, "u", &user) < 0) {
         decide(Trust::Undecided);
     } else {
         decide(user == 0 || user == getuid() ? Trust::Trusted : Trust::Untrusted);

@@ -4,9 +4,9 @@
 #include <string>
 
 #include "platform/linux/bus/BusCallback.h"
+#include "platform/linux/bus/BusQuestion.h"
 #include "platform/linux/link/ProtocolVTable.h"
 #include "platform/linux/link/WireNames.h"
-#include "platform/linux/process/OutHandle.h"
 
 namespace platform {
 namespace {
@@ -35,10 +35,9 @@ bool RootIntrospection::answerIfRoot(sd_bus_message* call) {
     }
     m_waiting.push_back({this, MessageHandle(sd_bus_message_ref(call)), nullptr});
     Waiting& waiting = m_waiting.back();
-    const int asked = sd_bus_call_method_async(
-        m_bus, OutHandle(waiting.question), "org.freedesktop.DBus", "/org/freedesktop/DBus",
-        "org.freedesktop.DBus", "GetConnectionUnixUser", &busCallback<&Waiting::userTold, Waiting>, &waiting,
-        "s", sd_bus_message_get_sender(call));
+    const int asked =
+        askBus(m_bus, waiting.question, "GetConnectionUnixUser", sd_bus_message_get_sender(call),
+               &busCallback<&Waiting::userTold, Waiting>, &waiting);
     if (asked < 0) {
         m_waiting.pop_back();
     }
