@@ -71,10 +71,11 @@ MessageHandle BusPeer::newSignal(const BusTarget& target, const char* member) {
     return handle;
 }
 
-Reply BusPeer::call(const MessageHandle& message) {
+Reply BusPeer::call(const MessageHandle& message, std::chrono::microseconds cap) {
     sd_bus_error error{nullptr, nullptr, 0};
     sd_bus_message* answer = nullptr;
-    const int result = sd_bus_call(m_bus.get(), message.get(), replyCap, &error, &answer);
+    const int result =
+        sd_bus_call(m_bus.get(), message.get(), static_cast<std::uint64_t>(cap.count()), &error, &answer);
     const MessageHandle handle(answer);
     Reply reply;
     if (result < 0) {

@@ -68,7 +68,7 @@ public:
     Reply call(const BusTarget& target, const char* member, const char* types, Arguments... arguments) {
         return call(newCall(target, member, types, arguments...));
     }
-    Reply call(const MessageHandle& message);
+    Reply call(const MessageHandle& message, std::chrono::microseconds cap = waitCap);
 
     /// Calls without wanting an answer. What the bus does not take at once, the next `await` sends.
     template <typename... Arguments>

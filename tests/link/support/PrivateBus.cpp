@@ -21,6 +21,10 @@
 namespace link_tests {
 namespace {
 
+std::string limit(const char* name, std::size_t value) {
+    return std::string("  <limit name=\"") + name + "\">" + std::to_string(value) + "</limit>\n";
+}
+
 bool accepts(const std::string& socketPath) {
     const sockaddr_un address = unixAddress(socketPath);
     const int attempt = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -70,7 +74,13 @@ void listenAsSystemdDoes(const std::string& socketPath) {
 PrivateBus::PrivateBus()
     : m_socketPath(m_directory.path() + "/bus"),
       m_address("unix:path=" + m_socketPath),
-      m_configPath(m_directory.path() + "/bus.conf") {
+      m_configPath(m_directory.path() + "/bus.conf") {}
+
+void PrivateBus::boundQueues(std::size_t bytes) {
+    m_limits = limit("max_incoming_bytes", bytes) + limit("max_outgoing_bytes", bytes);
+}
+
+void PrivateBus::writeConfig() const {
     // Without limits of its own a bus has those of the system bus. A slow machine gets time to authenticate.
     std::ofstream(m_configPath)
         << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0"
@@ -81,8 +91,8 @@ PrivateBus::PrivateBus()
         << "</listen>\n"
            "  <auth>EXTERNAL</auth>\n"
            "  <apparmor mode=\"disabled\"/>\n"
-           "  <limit name=\"auth_timeout\">60000</limit>\n"
-           "  <policy context=\"default\">\n"
+        << limit("auth_timeout", 60000) << m_limits
+        << "  <policy context=\"default\">\n"
            "    <allow user=\"*\"/>\n"
            "    <allow own=\"*\"/>\n"
            "    <allow send_destination=\"*\"/>\n"
@@ -97,6 +107,7 @@ bool PrivateBus::isBroker() {
 }
 
 void PrivateBus::start() {
+    writeConfig();
     isBroker() ? startBroker() : startDaemon();
     if (!await([this] { return accepts(m_socketPath) || !m_process->running(); }) || !m_process->running()) {
         throw std::runtime_error("the bus does not listen");

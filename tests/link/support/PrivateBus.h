@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -24,6 +25,10 @@ public:
     const std::string& address() const { return m_address; }
     const std::string& socketPath() const { return m_socketPath; }
 
+    /// From the next `start` on, the bus keeps so much of what a connection does not take, and so much of
+    /// what one has sent and nobody has taken, rather than 127 MiB each.
+    void boundQueues(std::size_t bytes);
+
     /// Returns once the bus listens. May follow a `stop`, at the same address.
     void start();
     static bool isBroker();
@@ -37,6 +42,7 @@ public:
     bool holds(int descriptor) const;
 
 private:
+    void writeConfig() const;
     void startDaemon();
     void startBroker();
     /// The process that carries the messages.
@@ -46,6 +52,7 @@ private:
     std::string m_socketPath;
     std::string m_address;
     std::string m_configPath;
+    std::string m_limits;
     std::unique_ptr<SystemLogSocket> m_journal;
     std::unique_ptr<ChildProcess> m_process;
 };
