@@ -23,7 +23,7 @@ done
 report() { printf '%-10s %s\n' "$1" "$2"; }
 
 # The warnings of every other target; the linker's options there begin with -Wl.
-mapfile -t warnings < <(grep -oE -- '-W[a-z][a-z0-9=-]*' cmake/VelmFlags.cmake | grep -vx -e '-Wl' -e '-Werror')
+mapfile -t warnings < <(grep -oE -- '-W[a-z][a-z0-9=#-]*' cmake/VelmFlags.cmake | grep -vx -e '-Wl' -e '-Werror')
 ((${#warnings[@]} >= 5)) || { echo "check.sh: cmake/VelmFlags.cmake names no warnings" >&2; exit 2; }
 
 # The compiler targets macOS itself; only the headers of the C and C++ libraries are the host's. Three things make
