@@ -81,10 +81,18 @@ public:
     void stop() override;
 
     /// Starts a task on a new thread, or, if one runs, has it go on. Waits first for a task that was started
-    /// but has not got going yet, or is on its way out: for a periodic one, until another thread stops it. A
-    /// run() that comes just when a single-shot tick returns may be lost with the task that it meant to keep;
-    /// reset() is not. Throws std::system_error if the platform refuses a thread, std::bad_alloc if there is
-    /// no memory; active() is true then, with no task. Never throws what a callback threw.
+    /// but has not got going yet, or is on its way out: for a periodic one, until another thread stops it.
+    ///
+    /// A run() in the very moment in which a task ends is lost with it: active() is true then, with no task,
+    /// until the next run(). A task ends close behind its stop(), or, if it missed that on its way into the
+    /// wait, one interval later; a single-shot one also when its tick returns. So whoever needs the restart
+    /// keeps more than an interval and the callback's time between stop() and run(), or uses reset(), which
+    /// waits for the task. (docs/model shows what comes of it in the agent, which lets the platform layer
+    /// keep losses apart from calls.)
+    ///
+    /// Throws std::system_error if the platform refuses a thread, std::bad_alloc if there is no memory;
+    /// active() is true then, with no task. (Some versions of libc++ hang where no thread is to be had:
+    /// docs/macos.md.) Never throws what a callback threw.
     void run() override;
 
     /// A new value restarts the wait under way with its full length and fires nothing; the present value
