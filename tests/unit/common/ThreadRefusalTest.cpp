@@ -6,6 +6,7 @@
 #include "common/BaseTimer.h"
 #include "common/SingleShotTimer.h"
 #include "unit/common/PrivateState.h"
+#include "unit/common/ThreadRefusal.h"
 
 namespace {
 
@@ -38,6 +39,9 @@ private:
 }  // namespace
 
 TEST(BaseTimer, ThrowsOutOfRunWhenItGetsNoThreadAndIsActiveWithoutATask) {
+    if (asyncHangsWithoutAThread) {
+        GTEST_SKIP() << "this libc++'s std::async hangs where it gets no thread (docs/macos.md)";
+    }
     cmn::BaseTimer timer(
         1h, [] {}, false);
     {

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "LogTestSupport.h"
+#include "unit/common/ThreadRefusal.h"
 
 namespace {
 
@@ -346,6 +347,9 @@ TEST_F(LoggerDeathTest, TheEndOfTheProcessDestroysTheLogger) {
 }
 
 TEST_F(LoggerDeathTest, ALineForWhichNoThreadCanBeStartedEndsTheProcess) {
+    if (asyncHangsWithoutAThread) {
+        GTEST_SKIP() << "this libc++'s std::async hangs where it gets no thread (docs/macos.md)";
+    }
     EXPECT_EXIT(logWhereNoThreadCanBeStarted(), ::testing::KilledBySignal(SIGABRT), "");
 }
 
