@@ -1,16 +1,18 @@
 #include "logging/RotationStrategy.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <fstream>
 #include <ios>
 #include <memory>
 #include <utility>
+#include <vector>
 
 namespace Logging {
 
 namespace {
 
-constexpr std::streamsize bufferSize = 128 * 1024;
+constexpr std::size_t bufferSize = std::size_t{128} * 1024;
 
 bool canBeRead(const std::string& path) {
     std::ifstream file(path);
@@ -30,13 +32,13 @@ void createEmpty(const std::string& path) {
 void moveLines(const std::string& from, const std::string& to) {
     // Every log statement of the process waits for a rotation. The streams' own buffers of a few kilobytes
     // would make it a thousand and more system calls for each file.
-    const auto sourceBuffer = std::make_unique<char[]>(bufferSize);
-    const auto targetBuffer = std::make_unique<char[]>(bufferSize);
+    std::vector<char> sourceBuffer(bufferSize);
+    std::vector<char> targetBuffer(bufferSize);
     std::ifstream source;
     std::ofstream target;
     // A file stream takes a buffer only before it opens its file.
-    source.rdbuf()->pubsetbuf(sourceBuffer.get(), bufferSize);
-    target.rdbuf()->pubsetbuf(targetBuffer.get(), bufferSize);
+    source.rdbuf()->pubsetbuf(sourceBuffer.data(), bufferSize);
+    target.rdbuf()->pubsetbuf(targetBuffer.data(), bufferSize);
     source.open(from);
     target.open(to);
     // By lines, so that a last line without its line feed is whole in the backup.

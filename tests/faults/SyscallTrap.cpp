@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -23,7 +24,7 @@ namespace {
 
 // glibc ends the process on an unknown error of futex(2), which the kernel never gives; the others cannot
 // fail, or end something.
-constexpr int unseen[] = {
+constexpr std::array unseen{
     __NR_futex,  __NR_exit,   __NR_exit_group, __NR_rt_sigreturn,    __NR_restart_syscall, __NR_sched_yield,
     __NR_getpid, __NR_gettid, __NR_rseq,       __NR_set_robust_list, __NR_clock_gettime};
 

@@ -9,7 +9,7 @@ namespace {
 
 // Half as much again as it needs (docs/performance.md): a buffer of a usual size that is kept for life breaks
 // it.
-constexpr std::size_t mostMemory{750 * 1024};
+constexpr std::size_t mostMemory = std::size_t{750} * 1024;
 
 class AgentIdle : public LinkTest {
 protected:

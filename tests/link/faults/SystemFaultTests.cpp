@@ -33,7 +33,7 @@ protected:
             places.push_back(entry.path());
         }
         for (const auto& place : places) {
-            const std::string library = place / "faketime/libfaketimeMT.so.1";
+            std::string library = place / "faketime/libfaketimeMT.so.1";
             if (std::filesystem::exists(library)) {
                 return library;
             }
