@@ -19,8 +19,10 @@ PrivateThreads::~PrivateThreads() {
 }
 
 bool PrivateThreads::start(const char* name, std::function<void()> body, std::function<void()> requestStop) {
-    const std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (m_draining) {
+        lock.unlock();
+        requestStop();
         return false;
     }
     joinEnded();

@@ -24,8 +24,9 @@ public:
 
     /// Runs `body`, which must not throw, on a new thread named `name` (at most 15 bytes count,
     /// pthread_setname_np(3)). `requestStop` must make it end soon and may be called on any thread, also
-    /// after it ended. False if the system gives no thread or no memory for it, or `drain` has begun; then
-    /// neither function is ever called.
+    /// after it ended. False if the system gives no thread or no memory for it; then neither function is ever
+    /// called. False too once `drain` has begun; then `requestStop` is called before this returns, as
+    /// whatever was to run must let go of what it holds.
     bool start(const char* name, std::function<void()> body, std::function<void()> requestStop);
 
     /// Asks every thread to stop and waits until all have ended. No thread starts from then on.

@@ -38,13 +38,15 @@ TEST(PrivateThreads, DrainAsksEachThreadToStopAndWaitsForItsEnd) {
     EXPECT_EQ(ended, 3);
 }
 
-TEST(PrivateThreads, StartsNothingOnceDrained) {
+TEST(PrivateThreads, StopsWhatWouldStartOnceDrained) {
     PrivateThreads threads;
     threads.drain();
-    bool called = false;
+    bool ran = false;
+    bool stopped = false;
     EXPECT_FALSE(threads.start(
-        "test", [&] { called = true; }, [&] { called = true; }));
-    EXPECT_FALSE(called);
+        "test", [&] { ran = true; }, [&] { stopped = true; }));
+    EXPECT_FALSE(ran);
+    EXPECT_TRUE(stopped);
 }
 
 TEST(PrivateThreads, AThreadMayStartAnother) {
