@@ -54,6 +54,11 @@ platform::BusHandle connectTo(int socket) {
     return handle;
 }
 
+void writeAll(int socket, const std::string& bytes) {
+    must(write(socket, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
+         "the socket takes it all");
+}
+
 }  // namespace
 
 RawMessage RawMessage::call(const std::string& member, const std::string& signature,
@@ -80,12 +85,15 @@ void RawMessage::deliver(const std::function<void(sd_bus_message*)>& received) c
     std::array<int, 2> ends{};
     must(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()) == 0,
          "there is a socket");
-    const std::string all = handshake + m_bytes.substr(0, mostBytes);
-    must(write(ends[1], all.data(), all.size()) == static_cast<ssize_t>(all.size()),
-         "the socket takes it all");
-    shutdown(ends[1], SHUT_WR);
+    writeAll(ends[1], handshake);
     {
         const platform::BusHandle bus = connectTo(ends[0]);
+        // No bus sends anything behind its handshake unasked; the library ends the process if one does.
+        while (sd_bus_is_ready(bus.get()) == 0) {
+            must(sd_bus_process(bus.get(), nullptr) >= 0, "the handshake goes through");
+        }
+        writeAll(ends[1], m_bytes.substr(0, mostBytes));
+        shutdown(ends[1], SHUT_WR);
         int progress = 1;
         while (progress > 0) {
             sd_bus_message* message = nullptr;
