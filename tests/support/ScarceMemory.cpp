@@ -20,6 +20,10 @@ fake::ScarceMemory::~ScarceMemory() {
     scarce = false;
 }
 
+bool fake::ScarceMemory::isAvailable() {
+    return true;
+}
+
 // The array forms, and those that do not throw, come through these.
 void* operator new(std::size_t size) {
     void* const block = scarce && size >= tooLarge ? nullptr : std::malloc(size != 0 ? size : 1);

@@ -9,6 +9,8 @@ class ScarceMemory {
 public:
     ScarceMemory();
     ~ScarceMemory();
+    /// False where a sanitizer brings operators of its own; then nothing fails, and who needs it skips.
+    static bool isAvailable();
     ScarceMemory(const ScarceMemory&) = delete;
     ScarceMemory& operator=(const ScarceMemory&) = delete;
 };

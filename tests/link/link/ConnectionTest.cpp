@@ -36,6 +36,7 @@ using link_tests::Losses;
 using link_tests::PrivateBus;
 using link_tests::RecordingAgent;
 using std::chrono::milliseconds;
+using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 constexpr uid_t nobody = 65534;
@@ -70,8 +71,12 @@ protected:
     /// Has the connection send, and returns where the daemon reaches the agent.
     BusTarget linkUp(platform::IXpcConnection& connection, BusPeer& daemon) {
         const std::size_t before = daemon.calls().size();
-        connection.remoteObjectProxy()->connect();
-        const bool arrived = await([&] { return daemon.calls().size() > before; });
+        bool arrived = false;
+        // As the agent does: what is sent before the bus has told of the daemon is lost.
+        for (int attempt = 0; attempt < 20 && !arrived; ++attempt) {
+            connection.remoteObjectProxy()->connect();
+            arrived = await([&] { return daemon.calls().size() > before; }, seconds(1));
+        }
         EXPECT_TRUE(arrived);
         return agentAt(arrived ? daemon.calls().back().sender : "");
     }
@@ -623,7 +628,7 @@ TEST_F(ConnectionOnABus, ABusThatDoesNotReadCostsBoundedMemoryAndNoTime) {
     for (int i = 0; i < 512; ++i) {
         connection->remoteObjectProxy()->putMessage({bytes.data(), bytes.size()});
     }
-    EXPECT_LT(residentBytes() - before, std::size_t{256} << 20U);
+    EXPECT_LT(residentBytes() - before, VELM_MEMORY_FACTOR * (std::size_t{256} << 20U));
     bus.thaw();
     ASSERT_TRUE(await([&] { return daemon->calls().size() > 30; }));
     ASSERT_TRUE(await([&] {
