@@ -29,5 +29,6 @@ set(CPACK_RPM_SIM_POST_UNINSTALL_SCRIPT_FILE "${velm_rpm_scripts}/velmdaemon-sim
 set(CPACK_RPM_EXCLUDE_FROM_AUTO_FILELIST_ADDITION
     /usr/sbin /usr/libexec /usr/lib/systemd /usr/lib/systemd/system /usr/lib/systemd/user /usr/lib/systemd/user-preset
     /usr/share/dbus-1 /usr/share/dbus-1/interfaces /usr/share/dbus-1/system.d /usr/share/user-tmpfiles.d
-    /usr/share/man /usr/share/man/man8 /usr/share/doc /usr/share/bash-completion /usr/share/bash-completion/completions
+    /usr/share/man /usr/share/man/man1 /usr/share/man/man8 /usr/share/doc
+    /usr/share/bash-completion /usr/share/bash-completion/completions
     "/usr/${CMAKE_INSTALL_LIBDIR}" "/usr/${CMAKE_INSTALL_LIBDIR}/cmake")
