@@ -67,6 +67,12 @@ void Peer::reply(const doubles::Frame& to, const std::string& types, std::option
     doubles::writeFrame(m_socket, frame);
 }
 
+void Peer::announceDeath() {
+    doubles::Frame frame;
+    frame.kind = doubles::Frame::Kind::Dying;
+    doubles::writeFrame(m_socket, frame);
+}
+
 void Peer::die() {
     if (m_socket >= 0) {
         close(m_socket);

@@ -37,6 +37,8 @@ public:
     /// `connected:` with that flag.
     void confirm(bool flag = true);
     void reply(const doubles::Frame& to, const std::string& types, std::optional<std::string> argument);
+    /// What it sends from now on may be overtaken by its death.
+    void announceDeath();
     /// The daemon dies; the job stays, or goes with it.
     void die();
     void unload();

@@ -96,6 +96,7 @@ TEST_P(PromiseTest, NoCallOrReplyAfterTheLoss) {
     const auto link = linked();
     link->remoteObjectProxy()->pingWithReply([this](bool) { record.add("reply"); });
     const doubles::Frame ping = peer->read();
+    peer->announceDeath();
     peer->confirm();
     peer->reply(ping, "v@?c", "1");
     peer->confirm();

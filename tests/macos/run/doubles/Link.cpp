@@ -1,6 +1,5 @@
 #include "doubles/Link.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,9 +14,6 @@
 
 namespace doubles {
 namespace {
-
-// How long what came waits for a loss that might overtake it.
-constexpr int overtakingMilliseconds = 60;
 
 std::atomic<long> links{0};
 
@@ -171,32 +167,25 @@ void Link::listen(int socket) {
 }
 
 void Link::takeFrames(int socket) {
-    std::vector<Frame> held;
-    for (;;) {
-        pollfd readable{socket, POLLIN, 0};
-        if (!held.empty() && poll(&readable, 1, overtakingMilliseconds) == 0) {
-            take(std::exchange(held, {}));
-            continue;
-        }
-        std::optional<Frame> frame = readFrame(socket);
-        if (!frame) {
-            break;
-        }
-        held.push_back(std::move(*frame));
-        if (!readings().lossOvertakesCalls) {
-            take(std::exchange(held, {}));
+    std::vector<Frame> overtaken;
+    bool dying = false;
+    while (std::optional<Frame> frame = readFrame(socket)) {
+        if (frame->kind == Frame::Kind::Dying) {
+            dying = readings().lossOvertakesCalls;
+        } else if (dying) {
+            overtaken.push_back(std::move(*frame));
+        } else {
+            take(std::move(*frame));
         }
     }
-    lose(m_ofService, held);
+    lose(m_ofService, std::move(overtaken));
 }
 
-void Link::take(std::vector<Frame> frames) {
-    for (Frame& frame : frames) {
-        const bool isCall = frame.kind == Frame::Kind::Call;
-        (isCall ? m_callQueue : m_queue)->add([self = shared_from_this(), frame = std::move(frame), isCall] {
-            isCall ? self->takeCall(frame) : self->takeReply(frame);
-        });
-    }
+void Link::take(Frame frame) {
+    const bool isCall = frame.kind == Frame::Kind::Call;
+    (isCall ? m_callQueue : m_queue)->add([self = shared_from_this(), frame = std::move(frame), isCall] {
+        isCall ? self->takeCall(frame) : self->takeReply(frame);
+    });
 }
 
 void Link::takeCall(const Frame& call) {
@@ -227,7 +216,7 @@ void Link::takeReply(const Frame& reply) {
     runtime::release(block);
 }
 
-void Link::lose(bool forGood, const std::vector<Frame>& overtaken) {
+void Link::lose(bool forGood, std::vector<Frame> overtaken) {
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_state == State::Invalid) {
@@ -245,7 +234,12 @@ void Link::lose(bool forGood, const std::vector<Frame>& overtaken) {
             runtime::release(std::exchange(self->m_kept, nullptr));
         });
     }
-    take(overtaken);
+    // Behind the handlers, also where calls have a queue of their own.
+    m_queue->add([self = shared_from_this(), overtaken = std::move(overtaken)]() mutable {
+        for (Frame& frame : overtaken) {
+            self->take(std::move(frame));
+        }
+    });
 }
 
 void Link::callHandler(Handler which) {

@@ -43,10 +43,10 @@ private:
     bool reach(std::unique_lock<std::mutex>& lock);
     void listen(int socket);
     void takeFrames(int socket);
-    void take(std::vector<Frame> frames);
+    void take(Frame frame);
     void takeCall(const Frame& call);
     void takeReply(const Frame& reply);
-    void lose(bool forGood, const std::vector<Frame>& overtaken);
+    void lose(bool forGood, std::vector<Frame> overtaken);
     void callHandler(Handler which);
     void invalidate(std::unique_lock<std::mutex>& lock);
     void dropReplies();

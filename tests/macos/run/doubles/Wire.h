@@ -9,7 +9,8 @@ namespace doubles {
 
 /// What two ends of a connection say to each other over their socket.
 struct Frame {
-    enum class Kind : std::uint8_t { Call, Reply };
+    /// `Dying` is no message: what follows it may be overtaken by the end of the connection.
+    enum class Kind : std::uint8_t { Call, Reply, Dying };
 
     Kind kind = Kind::Call;
     /// Of a call that wants a reply, and of that reply; else 0.

@@ -15,7 +15,8 @@ struct Readings {
     bool invalidationFollows = false;
     /// A resumed connection that is released reports its invalidation.
     bool releaseReports = false;
-    /// A loss overtakes the calls and replies that came shortly before it.
+    /// A loss overtakes the calls and replies that came since the other end announced it
+    /// (Frame::Kind::Dying).
     bool lossOvertakesCalls = false;
     /// Calls to the exported object run on another queue than the handlers and replies.
     bool callsOnOwnQueue = false;
