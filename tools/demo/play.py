@@ -28,6 +28,7 @@ def set_screen(stage, timeline, locked):
     word = "locked" if locked else "unlocked"
     timeline.wait("agent", rf"Screen lock monitor: User's screen was {word}$", mark)
     timeline.wait("agent", rf"Monitor launcher: screen lock status {int(locked)}$", mark)
+    timeline.wait("agent", r"xpc service monitor: sending lock screen status$", mark)
     timeline.wait("daemon", rf"<- onScreenLocked +{'YES' if locked else 'NO'}$", mark)
 
 
@@ -45,6 +46,7 @@ def message(stage, timeline):
     """the daemon sends a message"""
     mark = timeline.mark()
     stage.tell_daemon("put hello, agent")
+    timeline.wait("daemon", r"-> putMessage\b", mark)
     timeline.wait("agent", r"agent: incomming message$", mark)
 
 
@@ -53,6 +55,7 @@ def zone(stage, timeline):
     mark = timeline.mark()
     stage.etc.set_zone("Asia/Tokyo")
     timeline.wait("agent", r"Timezone changed notification came$", mark)
+    timeline.wait("agent", r"xpc service monitor: sending time zone changed notification$", mark)
     timeline.wait("daemon", r"<- onTimeZoneChanged$", mark)
     timeline.note("run", f"The log now reads {check_log_hour(stage)}")
 
@@ -74,6 +77,7 @@ def kill(stage, timeline):
     stage.kill_daemon()
     timeline.wait("agent", r"xpc connection was inerrupted$", mark)
     timeline.wait("agent", r"Monitor launcher: disconnected came$", mark)
+    timeline.wait("agent", r"xpc is running$", mark)
     timeline.wait("agent", r"Monitor launcher: requesting connect$", mark, count=2)
 
 
@@ -83,6 +87,7 @@ def restart(stage, timeline):
     stage.start_daemon()
     timeline.wait("daemon", r"\bready\b", mark)
     timeline.wait("daemon", r"<- connect$", mark)
+    timeline.wait("daemon", r"-> connected +YES$", mark)
     timeline.wait("agent", r"xpc: connection is established: 1$", mark)
     timeline.wait("agent", r"Monitor launcher: connected came$", mark)
 

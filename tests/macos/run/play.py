@@ -109,6 +109,7 @@ def zone(stage, timeline):
     mark = timeline.mark()
     stage.change_zone()
     timeline.wait("agent", r"Timezone changed notification came$", mark)
+    timeline.wait("agent", r"xpc service monitor: sending time zone changed notification$", mark)
     timeline.wait("daemon", r"<- onTimeZoneChanged$", mark)
 
 
