@@ -105,65 +105,90 @@ public:
         : m_owner(owner), m_address(std::move(address)), m_introduction(std::move(introduction)) {}
 
     void connect() noexcept override {
-        m_owner.meet(m_address, m_introduction);
-        tell("connect");
-        m_owner.answerConnect(m_address);
+        attempt([this] {
+            m_owner.meet(m_address, m_introduction);
+            note("connect");
+            m_owner.answerConnect(m_address);
+        });
     }
     void pingWithReply(XpcBoolReply reply) noexcept override {
-        tell("pingWithReply:");
-        if (m_owner.m_behaviour.ping != Ping::Never) {
-            const bool flag = m_owner.m_behaviour.ping == Ping::Yes;
-            tellReply("pingWithReply:", flag);
-            reply(flag);
-        }
+        attempt([&] {
+            note("pingWithReply:");
+            if (m_owner.m_behaviour.ping != Ping::Never) {
+                const bool flag = m_owner.m_behaviour.ping == Ping::Yes;
+                noteReply("pingWithReply:", flag);
+                reply(flag);
+            }
+        });
     }
-    void putMessage(const XpcData& data) noexcept override { tell("putMessage:", {data}); }
-    void onScreenLocked(bool locked) noexcept override { tell("onScreenLocked:", {locked}); }
-    void onTimeZoneChanged() noexcept override { tell("onTimeZoneChanged"); }
-    void requestForNetworkReachability() noexcept override { tell("requestForNetworkReachability"); }
-    void requestForInitRmm() noexcept override { tell("requestForInitRmm"); }
+    void putMessage(const XpcData& data) noexcept override { onlyNote("putMessage:", data); }
+    void onScreenLocked(bool locked) noexcept override { onlyNote("onScreenLocked:", locked); }
+    void onTimeZoneChanged() noexcept override { onlyNote("onTimeZoneChanged"); }
+    void requestForNetworkReachability() noexcept override { onlyNote("requestForNetworkReachability"); }
+    void requestForInitRmm() noexcept override { onlyNote("requestForInitRmm"); }
     void requestForLogLevel(std::int32_t level) noexcept override {
-        tell("requestForLogLevel:", {std::int64_t{level}});
-        const auto found = m_owner.m_agents.find(m_address);
-        if (found != m_owner.m_agents.end()) {
-            ToldAgent(m_owner.m_timeline, m_owner.partyAt(m_address), found->second.peer.agent)
-                .logLevel(m_owner.m_behaviour.logLevel);
-        }
+        attempt([&] {
+            note("requestForLogLevel:", {std::int64_t{level}});
+            const auto found = m_owner.m_agents.find(m_address);
+            if (found != m_owner.m_agents.end()) {
+                ToldAgent(m_owner.m_timeline, m_owner.partyAt(m_address), found->second.peer.agent)
+                    .logLevel(m_owner.m_behaviour.logLevel);
+            }
+        });
     }
     // In seconds since 1970; 0 for a caller that never sent `connect`.
     void lastCommunicationTime(XpcNumberReply reply) noexcept override {
-        const auto found = m_owner.m_agents.find(m_address);
-        std::int64_t seconds = 0;
-        if (found != m_owner.m_agents.end()) {
-            seconds = std::chrono::system_clock::to_time_t(found->second.lastCall);
-        }
-        tell("lastCommunicationTime:");
-        answerNumber("lastCommunicationTime:", seconds, reply);
+        attempt([&] {
+            const auto found = m_owner.m_agents.find(m_address);
+            std::int64_t seconds = 0;
+            if (found != m_owner.m_agents.end()) {
+                seconds = std::chrono::system_clock::to_time_t(found->second.lastCall);
+            }
+            note("lastCommunicationTime:");
+            answerNumber("lastCommunicationTime:", seconds, reply);
+        });
     }
     void loggedUser(XpcStringReply reply) noexcept override {
-        tell("loggedUser:");
-        const auto found = m_owner.m_agents.find(m_address);
-        const std::string user = found == m_owner.m_agents.end() ? std::string() : found->second.peer.user;
-        tellReply("loggedUser:", user);
-        reply(user);
+        attempt([&] {
+            note("loggedUser:");
+            const auto found = m_owner.m_agents.find(m_address);
+            const std::string user =
+                found == m_owner.m_agents.end() ? std::string() : found->second.peer.user;
+            noteReply("loggedUser:", user);
+            reply(user);
+        });
     }
     // In seconds, of this program.
     void upTime(XpcNumberReply reply) noexcept override {
-        tell("upTime:");
-        const auto up = std::chrono::steady_clock::now() - m_owner.m_started;
-        answerNumber("upTime:", std::chrono::duration_cast<std::chrono::seconds>(up).count(), reply);
+        attempt([&] {
+            note("upTime:");
+            const auto up = std::chrono::steady_clock::now() - m_owner.m_started;
+            answerNumber("upTime:", std::chrono::duration_cast<std::chrono::seconds>(up).count(), reply);
+        });
     }
-    void requestForRmmMonitors() noexcept override { tell("requestForRmmMonitors"); }
+    void requestForRmmMonitors() noexcept override { onlyNote("requestForRmmMonitors"); }
 
 private:
-    void tell(std::string_view selector, const Values& arguments = {}) {
+    template <typename Work>
+    void attempt(const Work& work) noexcept {
+        try {
+            work();
+        } catch (...) {
+            m_owner.m_end(std::current_exception());
+        }
+    }
+    void note(std::string_view selector, const Values& arguments = {}) {
         m_owner.received(m_address, selector, arguments);
     }
-    void tellReply(std::string_view selector, const Value& value) {
+    template <typename... Argument>
+    void onlyNote(std::string_view selector, const Argument&... argument) noexcept {
+        attempt([&] { note(selector, {argument...}); });
+    }
+    void noteReply(std::string_view selector, const Value& value) {
         m_owner.m_timeline.replied(m_owner.partyAt(m_address), selector, value);
     }
     void answerNumber(std::string_view selector, std::int64_t value, const XpcNumberReply& reply) {
-        tellReply(selector, value);
+        noteReply(selector, value);
         reply(value);
     }
 
@@ -305,7 +330,7 @@ void StandIn::carryOut(const Command& command) {
             break;
         case Command::Kind::Quit:
             m_ended = true;
-            m_end();
+            m_end({});
             break;
     }
 }

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
+#include <exception>
 #include <functional>
 #include <map>
 #include <memory>
@@ -40,12 +41,14 @@ public:
     /// Tells about the agent that sends `connect` for the first time.
     using Introduction = std::function<Peer()>;
 
-    /// Asks for the end of the program.
-    using End = std::function<void()>;
+    /// Asks for the end of the program; `why` is the error that keeps it from going on, or null if it ends as
+    /// asked.
+    using End = std::function<void(const std::exception_ptr& why)>;
 
     StandIn(Behaviour behaviour, Timeline& timeline, Later later, End end);
 
     /// What the calls from `address` go to. Any number may exist for one address, for one call or for many.
+    /// An error inside a call, also of the introduction, asks for the end of the program.
     std::unique_ptr<XpcDaemonProtocol> conversation(std::string address, Introduction introduction);
 
     /// The program at `address` is gone; nothing happens if it is not an agent.

@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/bus/BusCallback.h"
 #include "platform/linux/bus/BusHandles.h"
 #include "platform/linux/link/ProtocolVTable.h"
 #include "platform/linux/link/WireNames.h"
@@ -24,6 +26,7 @@ using platform::MessageHandle;
 using platform::SlotHandle;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 constexpr const char* openPolicy = "<allow own='*'/><allow send_destination='*'/><allow receive_sender='*'/>";
 constexpr const char* closedPolicy =
@@ -32,13 +35,13 @@ constexpr const char* closedPolicy =
 // A bus of the test's own, below a directory of its own.
 class PrivateBus {
 public:
-    explicit PrivateBus(const char* policy) {
+    explicit PrivateBus(const char* policy, const char* limits = "") {
         std::string name = "/tmp/velm-sim-test.XXXXXX";
         EXPECT_NE(mkdtemp(name.data()), nullptr);
         m_directory = name;
         std::ofstream(m_directory + "/conf")
             << "<busconfig><type>system</type><listen>" << address() << "</listen><auth>EXTERNAL</auth>"
-            << "<policy context='default'><allow user='*'/>" << policy << "</policy></busconfig>";
+            << limits << "<policy context='default'><allow user='*'/>" << policy << "</policy></busconfig>";
         m_daemon = std::make_unique<Child>(std::vector<std::string>{
             "dbus-daemon", "--nofork", "--print-address", "--config-file=" + m_directory + "/conf"});
         m_daemon->awaitLine("unix:");
@@ -65,7 +68,8 @@ private:
 // An agent as the bus sees it: calls the daemon, and writes down how it is called.
 class FakeAgent {
 public:
-    explicit FakeAgent(const std::string& address) : m_table(xpcAgentProtocol, &FakeAgent::onCall) {
+    explicit FakeAgent(const std::string& address)
+        : m_table(xpcAgentProtocol, platform::busCallback<&FakeAgent::called, FakeAgent>) {
         sd_bus* bus = nullptr;
         EXPECT_GE(sd_bus_new(&bus), 0);
         m_bus.reset(bus);
@@ -154,12 +158,12 @@ public:
     }
 
 private:
-    static int onAnswer(sd_bus_message* /*reply*/, void* userdata, sd_bus_error* /*error*/) {
+    static int onAnswer(sd_bus_message* /*reply*/, void* userdata, sd_bus_error* /*error*/) noexcept {
         *static_cast<bool*>(userdata) = true;
         return 0;
     }
 
-    static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    int called(sd_bus_message* call, sd_bus_error* error) {
         const std::string member = sd_bus_message_get_member(call);
         if (member == "rmmMessage") {
             return sd_bus_error_set(error, SD_BUS_ERROR_UNKNOWN_METHOD, "not here");
@@ -179,7 +183,7 @@ private:
             sd_bus_message_read(call, "x", &value);
             details = " " + std::to_string(value);
         }
-        static_cast<FakeAgent*>(userdata)->m_calls.push_back(member + details);
+        m_calls.push_back(member + details);
         return sd_bus_reply_method_return(call, nullptr);
     }
 
@@ -424,6 +428,28 @@ TEST_F(SimProgram, LosingTheBusEndsIt) {
     bus.kill();
     EXPECT_EQ(daemon->awaitEnd(), 6);
     EXPECT_THAT(daemon->errors(), HasSubstr("lost the connection to the system bus"));
+}
+
+TEST_F(SimProgram, AnErrorWhileItHandlesACallEndsIt) {
+    // Two rules are its own, and each agent is worth one.
+    PrivateBus other(openPolicy, "<limit name='max_match_rules_per_connection'>2</limit>");
+    const auto daemon = startReady({"--address", other.address()});
+    FakeAgent agent(other.address());
+    agent.call("connect");
+    EXPECT_EQ(daemon->awaitEnd(), 1);
+    EXPECT_THAT(daemon->errors(), StartsWith("velmdaemon-sim: cannot watch an agent: "));
+}
+
+TEST_F(SimProgram, AnErrorWhileItReadsItsInputEndsIt) {
+    if (VELM_SANITIZED != 0) {
+        GTEST_SKIP() << "a sanitizer's allocator ends a program that gets no memory";
+    }
+    const auto daemon = startReady();
+    const rlimit nothingMore{1, 1};
+    ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_AS, &nothingMore, nullptr), 0);
+    daemon->say("put-size 20971520");
+    EXPECT_EQ(daemon->awaitEnd(), 1);
+    EXPECT_EQ(daemon->errors(), "velmdaemon-sim: std::bad_alloc\n");
 }
 
 TEST_F(SimProgram, ServesOnABusAtAnAddress) {

@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <exception>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -30,7 +32,10 @@ protected:
               [this](std::chrono::milliseconds delay, std::function<void()> work) {
                   delayed.emplace_back(delay, std::move(work));
               },
-              [this] { ended = true; }) {}
+              [this](const std::exception_ptr& why) {
+                  ended = true;
+                  error = why;
+              }) {}
 
     std::unique_ptr<XpcDaemonProtocol> callFrom(const std::string& address) {
         return standIn.conversation(address, [this, address] {
@@ -76,6 +81,7 @@ protected:
     std::map<std::string, std::shared_ptr<RecordingAgent>> agents;
     int introductions = 0;
     bool ended = false;
+    std::exception_ptr error;
     Timeline timeline;
     StandIn standIn;
 };
@@ -368,6 +374,18 @@ TEST_F(SimStandIn, ALateTimeOutEndsNoOtherWait) {
     callFrom("a")->onTimeZoneChanged();
     passTime(atOnce);
     EXPECT_TRUE(standIn.allDone());
+}
+
+TEST_F(SimStandIn, AnErrorInsideACallAsksForTheEnd) {
+    standIn.conversation("a", []() -> Peer { throw std::runtime_error("nobody"); })->connect();
+    EXPECT_TRUE(ended);
+    EXPECT_THROW(std::rethrow_exception(error), std::runtime_error);
+}
+
+TEST_F(SimStandIn, EndsWithoutAnErrorAsAsked) {
+    standIn.execute("quit");
+    EXPECT_TRUE(ended);
+    EXPECT_FALSE(error);
 }
 
 TEST_F(SimStandIn, SleepsBeforeItGoesOn) {

@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "linux/Callbacks.h"
 #include "platform/linux/link/WireNames.h"
 
 namespace sim {
@@ -43,9 +44,8 @@ void DBusAgent::rmmMessage(const XpcData& data) {
     const MessageHandle call = newCall("rmmMessage");
     int result = sd_bus_message_append_array(call.get(), 'y', data.bytes, data.length);
     if (result >= 0) {
-        sd_bus_slot* slot = nullptr;
-        result = sd_bus_call_async(m_bus, &slot, call.get(), &DBusAgent::onReply, this, 0);
-        m_pending.emplace_back(slot);
+        result = sd_bus_call_async(m_bus, OutHandle(m_pending.emplace_back()), call.get(),
+                                   busCallback<&DBusAgent::replied, DBusAgent>, this, 0);
     }
     reportError("rmmMessage", result);
 }
@@ -56,10 +56,11 @@ bool DBusAgent::respondsToSelector(std::string_view /*selector*/) const {
 
 // An empty handle, if there is no memory or no bus, makes the append fail, which is reported then.
 MessageHandle DBusAgent::newCall(const char* member) {
-    sd_bus_message* call = nullptr;
-    sd_bus_message_new_method_call(m_bus, &call, m_uniqueName.c_str(), platform::dbus::agentObjectPath,
+    MessageHandle call;
+    sd_bus_message_new_method_call(m_bus, OutHandle(call), m_uniqueName.c_str(),
+                                   platform::dbus::agentObjectPath,
                                    platform::dbus::interfaceName(xpcAgentProtocol).c_str(), member);
-    return MessageHandle(call);
+    return call;
 }
 
 void DBusAgent::send(const MessageHandle& call, int appended) {
@@ -79,14 +80,12 @@ void DBusAgent::reportError(const char* member, int error) {
     }
 }
 
-int DBusAgent::onReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
-    auto* self = static_cast<DBusAgent*>(userdata);
+void DBusAgent::replied(sd_bus_message* reply) {
     sd_bus_slot* current = sd_bus_get_current_slot(sd_bus_message_get_bus(reply));
-    self->m_pending.remove_if([current](const SlotHandle& slot) { return slot.get() == current; });
+    m_pending.remove_if([current](const SlotHandle& slot) { return slot.get() == current; });
     if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
-        self->m_refused("rmmMessage", std::string(error->name) + ": " + error->message);
+        m_refused("rmmMessage", std::string(error->name) + ": " + error->message);
     }
-    return 0;
 }
 
 }  // namespace sim

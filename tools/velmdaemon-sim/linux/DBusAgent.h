@@ -36,7 +36,7 @@ private:
     MessageHandle newCall(const char* member);
     void send(const MessageHandle& call, int appended);
     void reportError(const char* member, int error);
-    static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error* error);
+    void replied(sd_bus_message* reply);
 
     sd_bus* m_bus;
     std::string m_uniqueName;

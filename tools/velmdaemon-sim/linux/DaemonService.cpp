@@ -6,11 +6,11 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <iostream>
 #include <memory>
 #include <optional>
 #include <string_view>
 
+#include "linux/Callbacks.h"
 #include "linux/DBusAgent.h"
 #include "linux/DaemonCalls.h"
 #include "platform/linux/bus/OpenBus.h"
@@ -32,18 +32,18 @@ std::string describe(const BusOptions& options) {
 }
 
 BusHandle openBus(const BusOptions& options) {
-    sd_bus* raw = nullptr;
+    BusHandle bus;
     int result = 0;
     if (!options.address.empty()) {
-        result = platform::openBusAt(options.address, &raw);
+        result = platform::openBusAt(options.address, OutHandle(bus));
     } else {
-        result = options.session ? platform::openUserBus(&raw) : platform::openSystemBus(&raw);
+        result =
+            options.session ? platform::openUserBus(OutHandle(bus)) : platform::openSystemBus(OutHandle(bus));
     }
-    BusHandle bus(raw);
     const char* uniqueName = nullptr;
     if (result >= 0) {
         // Waits for the bus to admit this program.
-        result = sd_bus_get_unique_name(raw, &uniqueName);
+        result = sd_bus_get_unique_name(bus.get(), &uniqueName);
     }
     checked(result, "reach " + describe(options), ExitStatus::NoBus);
     return bus;
@@ -59,12 +59,11 @@ bool isFromBus(sd_bus_message* signal) {
 // sd_bus_get_name_creds(3) of newer versions calls: a newer dbus-broker encloses a file descriptor in its
 // answer, and disconnects whoever accepts none, as this program does.
 std::optional<std::uint32_t> askAbout(sd_bus* bus, const std::string& sender, const char* method) {
-    sd_bus_message* raw = nullptr;
-    const int asked =
-        sd_bus_call_method(bus, busName, busPath, busName, method, nullptr, &raw, "s", sender.c_str());
-    const MessageHandle answer(raw);
+    MessageHandle answer;
+    const int asked = sd_bus_call_method(bus, busName, busPath, busName, method, nullptr, OutHandle(answer),
+                                         "s", sender.c_str());
     std::uint32_t number = 0;
-    if (asked < 0 || sd_bus_message_read(raw, "u", &number) < 0) {
+    if (asked < 0 || sd_bus_message_read(answer.get(), "u", &number) < 0) {
         return std::nullopt;
     }
     return number;
@@ -91,15 +90,13 @@ DaemonService::DaemonService(sd_event* event, const BusOptions& options, StandIn
       m_standIn(standIn),
       m_timeline(timeline),
       m_delays(delays),
-      m_table(xpcDaemonProtocol, &DaemonService::onCall),
+      m_table(xpcDaemonProtocol, busCallback<&DaemonService::called, DaemonService>),
       m_bus(openBus(options)) {
     checked(sd_bus_attach_event(m_bus.get(), event, SD_EVENT_PRIORITY_NORMAL), "watch the bus");
-    sd_bus_slot* slot = nullptr;
-    checked(sd_bus_add_object_vtable(m_bus.get(), &slot, platform::dbus::daemonObjectPath,
-                                     platform::dbus::interfaceName(xpcDaemonProtocol).c_str(), m_table.data(),
-                                     this),
+    checked(sd_bus_add_object_vtable(
+                m_bus.get(), OutHandle(m_slots.emplace_back()), platform::dbus::daemonObjectPath,
+                platform::dbus::interfaceName(xpcDaemonProtocol).c_str(), m_table.data(), this),
             "offer the interface");
-    m_slots.emplace_back(slot);
     watchName();
     requestName();
 }
@@ -107,16 +104,16 @@ DaemonService::DaemonService(sd_event* event, const BusOptions& options, StandIn
 void DaemonService::watchName() {
     const auto match = [this](const char* sender, const char* path, const char* interface, const char* member,
                               sd_bus_message_handler_t handler) {
-        sd_bus_slot* slot = nullptr;
-        checked(sd_bus_match_signal(m_bus.get(), &slot, sender, path, interface, member, handler, this),
+        checked(sd_bus_match_signal(m_bus.get(), OutHandle(m_slots.emplace_back()), sender, path, interface,
+                                    member, handler, this),
                 std::string("watch for ") + member);
-        m_slots.emplace_back(slot);
     };
-    match(busName, busPath, busName, "NameAcquired", &DaemonService::onNameAcquired);
-    match(busName, busPath, busName, "NameLost", &DaemonService::onNameLost);
+    match(busName, busPath, busName, "NameAcquired",
+          busCallback<&DaemonService::nameAcquired, DaemonService>);
+    match(busName, busPath, busName, "NameLost", busCallback<&DaemonService::nameLost, DaemonService>);
     constexpr const char* localName = "org.freedesktop.DBus.Local";
     match(localName, "/org/freedesktop/DBus/Local", localName, "Disconnected",
-          &DaemonService::onDisconnected);
+          busCallback<&DaemonService::disconnected, DaemonService>);
 }
 
 void DaemonService::requestName() {
@@ -143,6 +140,9 @@ void DaemonService::requestName() {
 }
 
 void DaemonService::sendTheRest() {
+    // Nothing is received any more.
+    m_slots.clear();
+    m_leaving.clear();
     using std::chrono::steady_clock;
     const auto end = steady_clock::now() + std::chrono::seconds(5);
     std::uint64_t unwritten = 0;
@@ -180,13 +180,12 @@ Peer DaemonService::introduce(const std::string& sender) {
 void DaemonService::watchLeaving(const std::string& sender) {
     const std::string rule = std::string("type='signal',sender='") + busName + "',interface='" + busName +
                              "',member='NameOwnerChanged',arg0='" + sender + "'";
-    sd_bus_slot* slot = nullptr;
-    checked(sd_bus_add_match(m_bus.get(), &slot, rule.c_str(), &DaemonService::onNameOwnerChanged, this),
+    checked(sd_bus_add_match(m_bus.get(), OutHandle(m_leaving[sender]), rule.c_str(),
+                             busCallback<&DaemonService::ownerChanged, DaemonService>, this),
             "watch an agent");
-    m_leaving[sender].reset(slot);
 }
 
-int DaemonService::nameChanged(sd_bus_message* signal) {
+void DaemonService::ownerChanged(sd_bus_message* signal) {
     const char* name = nullptr;
     const char* before = nullptr;
     const char* after = nullptr;
@@ -195,53 +194,35 @@ int DaemonService::nameChanged(sd_bus_message* signal) {
         m_standIn.left(name);
         m_leaving.erase(name);
     }
-    return 0;
 }
 
-void DaemonService::end(ExitStatus status, const std::string& why) {
-    std::cerr << "velmdaemon-sim: " << why << std::endl;
-    sd_event_exit(m_event, static_cast<int>(status));
-}
-
-int DaemonService::onCall(sd_bus_message* call, void* userdata, sd_bus_error* /*error*/) {
-    auto* self = static_cast<DaemonService*>(userdata);
+int DaemonService::called(sd_bus_message* call, sd_bus_error* /*error*/) {
     const std::string sender(sd_bus_message_get_sender(call));
-    const auto conversation =
-        self->m_standIn.conversation(sender, [self, sender] { return self->introduce(sender); });
+    const auto conversation = m_standIn.conversation(sender, [this, sender] { return introduce(sender); });
     return dispatchCall(call, *conversation);
 }
 
-int DaemonService::onNameAcquired(sd_bus_message* signal, void* userdata, sd_bus_error* /*error*/) {
-    auto* self = static_cast<DaemonService*>(userdata);
+void DaemonService::nameAcquired(sd_bus_message* signal) {
     if (concernsName(signal)) {
-        self->m_timeline.note({"daemon"}, "ready",
-                              std::string("as ") + daemonServiceName + " on " + describe(self->m_options));
+        m_timeline.note({"daemon"}, "ready",
+                        std::string("as ") + daemonServiceName + " on " + describe(m_options));
     }
-    return 0;
 }
 
-int DaemonService::onNameLost(sd_bus_message* signal, void* userdata, sd_bus_error* /*error*/) {
-    auto* self = static_cast<DaemonService*>(userdata);
+void DaemonService::nameLost(sd_bus_message* signal) {
     if (!concernsName(signal)) {
-        return 0;
+        return;
     }
     const std::string lost = std::string("another program took the name ") + daemonServiceName;
-    if (self->m_options.queue) {
-        self->m_timeline.note({"daemon"}, "waiting", lost);
+    if (m_options.queue) {
+        m_timeline.note({"daemon"}, "waiting", lost);
     } else {
-        self->end(ExitStatus::NameLost, lost);
+        endLoop(m_event, ExitStatus::NameLost, lost);
     }
-    return 0;
 }
 
-int DaemonService::onNameOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error* /*error*/) {
-    return static_cast<DaemonService*>(userdata)->nameChanged(signal);
-}
-
-int DaemonService::onDisconnected(sd_bus_message* /*signal*/, void* userdata, sd_bus_error* /*error*/) {
-    auto* self = static_cast<DaemonService*>(userdata);
-    self->end(ExitStatus::BusLost, "lost the connection to " + describe(self->m_options));
-    return 0;
+void DaemonService::disconnected(sd_bus_message* /*signal*/) {
+    endLoop(m_event, ExitStatus::BusLost, "lost the connection to " + describe(m_options));
 }
 
 }  // namespace sim

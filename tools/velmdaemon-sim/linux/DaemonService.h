@@ -2,11 +2,11 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "Options.h"
 #include "StandIn.h"
 #include "linux/Delays.h"
-#include "linux/Failure.h"
 #include "linux/Handles.h"
 #include "platform/linux/link/ProtocolVTable.h"
 
@@ -37,14 +37,11 @@ private:
     void requestName();
     Peer introduce(const std::string& sender);
     void watchLeaving(const std::string& sender);
-    int nameChanged(sd_bus_message* signal);
-    void end(ExitStatus status, const std::string& why);
-
-    static int onCall(sd_bus_message* call, void* userdata, sd_bus_error* error);
-    static int onNameAcquired(sd_bus_message* signal, void* userdata, sd_bus_error* error);
-    static int onNameLost(sd_bus_message* signal, void* userdata, sd_bus_error* error);
-    static int onNameOwnerChanged(sd_bus_message* signal, void* userdata, sd_bus_error* error);
-    static int onDisconnected(sd_bus_message* signal, void* userdata, sd_bus_error* error);
+    int called(sd_bus_message* call, sd_bus_error* error);
+    void nameAcquired(sd_bus_message* signal);
+    void nameLost(sd_bus_message* signal);
+    void ownerChanged(sd_bus_message* signal);
+    void disconnected(sd_bus_message* signal);
 
     sd_event* m_event;
     BusOptions m_options;

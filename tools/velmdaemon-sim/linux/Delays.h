@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <list>
 
@@ -26,12 +25,12 @@ public:
 
 private:
     struct Entry {
+        void due();
+
         Delays* owner;
         std::function<void()> work;
         SourceHandle source;
     };
-
-    static int onTime(sd_event_source* source, std::uint64_t time, void* userdata);
 
     sd_event* m_event;
     std::list<Entry> m_entries;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <systemd/sd-event.h>
+
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -31,5 +34,15 @@ private:
 
 /// Passes a result of libsystemd on or, if it is an error, throws Failure with `doing` and the error's text.
 int checked(int result, const std::string& doing, ExitStatus status = ExitStatus::Other);
+
+/// Says on standard error why the program ends; gives `status` as a number.
+int complain(ExitStatus status, const std::string& why);
+
+/// Ends the event loop, saying why, with `status` as its result.
+void endLoop(sd_event* loop, ExitStatus status, const std::string& why);
+
+/// The same because of `error`: with a Failure's own status, with Other for what else derives from
+/// std::exception, which is all that is ever thrown.
+void endLoop(sd_event* loop, const std::exception_ptr& error) noexcept;
 
 }  // namespace sim

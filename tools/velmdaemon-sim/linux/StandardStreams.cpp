@@ -6,9 +6,9 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdint>
 #include <utility>
 
+#include "linux/Callbacks.h"
 #include "linux/Failure.h"
 
 namespace sim {
@@ -16,10 +16,8 @@ namespace sim {
 OutputStream::OutputStream(sd_event* event) : m_event(event) {
     // Watches for no event of its own: that the other end was closed is told unasked. Files cannot be
     // watched, and need not be.
-    sd_event_source* source = nullptr;
-    if (sd_event_add_io(event, &source, STDOUT_FILENO, 0, &OutputStream::onClosed, this) >= 0) {
-        m_source.reset(source);
-    }
+    sd_event_add_io(event, OutHandle(m_source), STDOUT_FILENO, 0,
+                    eventCallback<&OutputStream::end, OutputStream>, this);
 }
 
 void OutputStream::write(std::string_view text) {
@@ -43,25 +41,14 @@ void OutputStream::end() {
     sd_event_exit(m_event, static_cast<int>(ExitStatus::AsAsked));
 }
 
-int OutputStream::onClosed(sd_event_source* /*source*/, int /*fd*/, std::uint32_t /*events*/,
-                           void* userdata) {
-    static_cast<OutputStream*>(userdata)->end();
-    return 0;
-}
-
 InputLines::InputLines(sd_event* event, LineSplitter splitter) : m_splitter(std::move(splitter)) {
-    sd_event_source* source = nullptr;
-    int result = sd_event_add_io(event, &source, STDIN_FILENO, EPOLLIN, &InputLines::onReadable, this);
-    if (result == -EPERM) {
-        // A file, which is always readable: read it turn by turn.
-        result = sd_event_add_defer(event, &source, &InputLines::onTurn, this);
-        if (result >= 0) {
-            sd_event_source_set_enabled(source, SD_EVENT_ON);
-        }
-    }
     // Without a standard input there are no commands, that is all.
-    if (result >= 0) {
-        m_source.reset(source);
+    const int result = sd_event_add_io(event, OutHandle(m_source), STDIN_FILENO, EPOLLIN,
+                                       eventCallback<&InputLines::readSome, InputLines>, this);
+    if (result == -EPERM && sd_event_add_defer(event, OutHandle(m_source),
+                                               eventCallback<&InputLines::readSome, InputLines>, this) >= 0) {
+        // A file, which is always readable: read it turn by turn.
+        sd_event_source_set_enabled(m_source.get(), SD_EVENT_ON);
     }
 }
 
@@ -74,17 +61,6 @@ void InputLines::readSome() {
         m_source.reset();
         m_splitter.finish();
     }
-}
-
-int InputLines::onReadable(sd_event_source* /*source*/, int /*fd*/, std::uint32_t /*events*/,
-                           void* userdata) {
-    static_cast<InputLines*>(userdata)->readSome();
-    return 0;
-}
-
-int InputLines::onTurn(sd_event_source* /*source*/, void* userdata) {
-    static_cast<InputLines*>(userdata)->readSome();
-    return 0;
 }
 
 }  // namespace sim

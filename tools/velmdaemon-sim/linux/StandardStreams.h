@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <string_view>
 
 #include "LineSplitter.h"
@@ -19,7 +18,6 @@ public:
 
 private:
     void end();
-    static int onClosed(sd_event_source* source, int fd, std::uint32_t events, void* userdata);
 
     sd_event* m_event;
     SourceHandle m_source;
@@ -39,8 +37,6 @@ public:
 
 private:
     void readSome();
-    static int onReadable(sd_event_source* source, int fd, std::uint32_t events, void* userdata);
-    static int onTurn(sd_event_source* source, void* userdata);
 
     LineSplitter m_splitter;
     SourceHandle m_source;

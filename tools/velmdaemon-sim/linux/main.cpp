@@ -29,10 +29,10 @@ constexpr const char* exitStatusText =
     "  7  another program took the service name\n"
     "  8  ended as asked, but a command was not done\n";
 
-EventHandle newEventLoop() {
-    sd_event* event = nullptr;
-    checked(sd_event_default(&event), "make an event loop");
-    return EventHandle(event);
+LoopHandle newEventLoop() {
+    LoopHandle loop;
+    checked(sd_event_default(OutHandle(loop)), "make an event loop");
+    return loop;
 }
 
 void endOnSignal(sd_event* event, int signal) {
@@ -44,7 +44,7 @@ void endOnSignal(sd_event* event, int signal) {
 }
 
 int serve(const Options& options) {
-    const EventHandle event = newEventLoop();
+    const LoopHandle event = newEventLoop();
     endOnSignal(event.get(), SIGTERM);
     endOnSignal(event.get(), SIGINT);
 
@@ -56,7 +56,13 @@ int serve(const Options& options) {
         [&delays](std::chrono::milliseconds delay, std::function<void()> work) {
             delays.after(delay, std::move(work));
         },
-        [&event] { sd_event_exit(event.get(), static_cast<int>(ExitStatus::AsAsked)); });
+        [&event](const std::exception_ptr& why) {
+            if (why) {
+                endLoop(event.get(), why);
+            } else {
+                sd_event_exit(event.get(), static_cast<int>(ExitStatus::AsAsked));
+            }
+        });
     DaemonService service(event.get(), options.bus, standIn, timeline, delays);
     const InputLines input(event.get(), LineSplitter([&](std::string_view line) {
                                standIn.execute(line);
@@ -65,11 +71,6 @@ int serve(const Options& options) {
     const int status = checked(sd_event_loop(event.get()), "run the event loop");
     service.sendTheRest();
     return status == 0 && !standIn.allDone() ? static_cast<int>(ExitStatus::NotDone) : status;
-}
-
-int complain(ExitStatus status, const std::string& why) {
-    std::cerr << "velmdaemon-sim: " << why << '\n';
-    return static_cast<int>(status);
 }
 
 int run(const std::vector<std::string>& arguments) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -83,7 +84,13 @@ dispatch_source_t watchStandardInput(LineSplitter& lines) {
         [](std::chrono::milliseconds delay, const std::function<void()>& work) {
             postToMainQueue(delay, work);
         },
-        [&itself] { std::exit(itself->allDone() ? 0 : 8); });
+        [&itself](const std::exception_ptr& why) {
+            if (why) {
+                // Nothing handles it: the crash report says where it came from.
+                std::rethrow_exception(why);
+            }
+            std::exit(itself->allDone() ? 0 : 8);
+        });
     itself = &standIn;
     LineSplitter lines([&standIn](std::string_view line) {
         standIn.execute(line);
