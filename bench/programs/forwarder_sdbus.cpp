@@ -9,7 +9,7 @@
 
 namespace {
 
-int forward(sd_bus_message* message, void* /*unused*/, sd_bus_error* /*error*/) {
+int forward(sd_bus_message* message, void* /*unused*/, sd_bus_error* /*error*/) noexcept {
     const char* name = nullptr;
     int locked = 0;
     if (sd_bus_message_skip(message, "s") < 0 || sd_bus_message_enter_container(message, 'a', "{sv}") <= 0 ||

@@ -159,7 +159,8 @@ private:
         }
     }
 
-    static int askLogind(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+    // An error inside a handler ends the program: it must not pass through the library's C frames.
+    static int askLogind(sd_bus_message* message, void* self, sd_bus_error* /*error*/) noexcept {
         const bool locked = static_cast<World*>(self)->m_locked;
         if (sd_bus_message_is_method_call(message, "org.freedesktop.login1.Manager", "ListSessions") > 0) {
             return sd_bus_reply_method_return(message, "a(susso)", 1, "31", static_cast<unsigned>(getuid()),
@@ -174,7 +175,7 @@ private:
         return 0;
     }
 
-    static int callDaemon(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+    static int callDaemon(sd_bus_message* message, void* self, sd_bus_error* /*error*/) noexcept {
         auto& world = *static_cast<World*>(self);
         if (sd_bus_message_is_method_call(message, nullptr, "onScreenLocked") > 0) {
             world.m_lastReceipt = Clock::now();

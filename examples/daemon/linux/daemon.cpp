@@ -56,7 +56,10 @@ void tell(sd_bus_message* call, const char* member, const char* types, Arguments
     sd_bus_message_unref(message);
 }
 
-int onConnect(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+// The handlers are noexcept because an exception must not pass through the frames of sd-bus, which is C:
+// running out of memory ends the daemon.
+
+int onConnect(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) noexcept {
     // May come twice from one agent, and comes again from an agent whose link was lost.
     std::printf("%s: connected; whether the screen is locked is not known\n",
                 introduce(call, *static_cast<Agents*>(agents)).c_str());
@@ -64,7 +67,7 @@ int onConnect(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
     return sd_bus_reply_method_return(call, nullptr);
 }
 
-int onScreenLocked(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+int onScreenLocked(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) noexcept {
     int locked = 0;
     const int result = sd_bus_message_read(call, "b", &locked);
     if (result < 0) {
@@ -75,18 +78,18 @@ int onScreenLocked(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) 
     return sd_bus_reply_method_return(call, nullptr);
 }
 
-int onTimeZoneChanged(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+int onTimeZoneChanged(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) noexcept {
     std::printf("%s: time zone changed\n", introduce(call, *static_cast<Agents*>(agents)).c_str());
     // Data goes the other way just as well: five bytes.
     tell(call, "putMessage", "ay", 5, 'n', 'o', 't', 'e', 'd');
     return sd_bus_reply_method_return(call, nullptr);
 }
 
-int onPing(sd_bus_message* call, void* /*agents*/, sd_bus_error* /*error*/) {
+int onPing(sd_bus_message* call, void* /*agents*/, sd_bus_error* /*error*/) noexcept {
     return sd_bus_reply_method_return(call, "b", 1);
 }
 
-int onPutMessage(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
+int onPutMessage(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) noexcept {
     const void* bytes = nullptr;
     std::size_t length = 0;
     const int result = sd_bus_message_read_array(call, 'y', &bytes, &length);
@@ -98,13 +101,13 @@ int onPutMessage(sd_bus_message* call, void* agents, sd_bus_error* /*error*/) {
     return sd_bus_reply_method_return(call, nullptr);
 }
 
-int onRequestForLogLevel(sd_bus_message* call, void* /*agents*/, sd_bus_error* /*error*/) {
+int onRequestForLogLevel(sd_bus_message* call, void* /*agents*/, sd_bus_error* /*error*/) noexcept {
     tell(call, "logLevel", "x", std::int64_t{6});
     return sd_bus_reply_method_return(call, nullptr);
 }
 
 // A connection to the bus ended; it may have been an agent's.
-int onNameOwnerChanged(sd_bus_message* signal, void* agents, sd_bus_error* /*error*/) {
+int onNameOwnerChanged(sd_bus_message* signal, void* agents, sd_bus_error* /*error*/) noexcept {
     const char* name = nullptr;
     const char* before = nullptr;
     const char* now = nullptr;

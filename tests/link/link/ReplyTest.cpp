@@ -16,6 +16,7 @@
 #include "link/support/PrivateBus.h"
 #include "link/support/SdBus.h"
 #include "platform/XpcConnection.h"
+#include "platform/linux/bus/BusCallback.h"
 
 // Answers to calls with a reply block, from a daemon that answers what the test says.
 
@@ -34,7 +35,9 @@ public:
         m_bus.reset(bus);
         check(sd_bus_set_address(bus, address.c_str()), "address");
         check(sd_bus_set_bus_client(bus, 1), "client");
-        check(sd_bus_add_filter(bus, nullptr, onMessage, this), "filter");
+        check(sd_bus_add_filter(bus, nullptr,
+                                platform::busCallback<&AnsweringDaemon::received, AnsweringDaemon>, this),
+              "filter");
         check(sd_bus_start(bus), "start");
         check(sd_bus_request_name(bus, "com.brovik.velmdaemon", 0), "name");
     }
@@ -49,14 +52,13 @@ public:
     int calls = 0;
 
 private:
-    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
-        auto* daemon = static_cast<AnsweringDaemon*>(self);
+    int received(sd_bus_message* message, sd_bus_error* /*error*/) {
         if (sd_bus_message_is_method_call(message, nullptr, nullptr) <= 0) {
             return 0;
         }
-        ++daemon->calls;
-        const auto answer = daemon->answers.find(sd_bus_message_get_member(message));
-        if (answer != daemon->answers.end()) {
+        ++calls;
+        const auto answer = answers.find(sd_bus_message_get_member(message));
+        if (answer != answers.end()) {
             check(answer->second(message), "answer");
         }
         return 1;

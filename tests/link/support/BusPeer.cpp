@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "platform/linux/bus/BusCallback.h"
+
 namespace link_tests {
 namespace {
 
@@ -35,7 +37,8 @@ BusPeer::BusPeer(const std::string& address, uid_t uid) {
     m_bus.reset(bus);
     check(sd_bus_set_address(bus, address.c_str()), "sd_bus_set_address");
     check(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
-    check(sd_bus_add_filter(bus, nullptr, onMessage, this), "sd_bus_add_filter");
+    check(sd_bus_add_filter(bus, nullptr, platform::busCallback<&BusPeer::received, BusPeer>, this),
+          "sd_bus_add_filter");
     {
         const ActAsUser user(uid);
         check(sd_bus_start(bus), "sd_bus_start");
@@ -126,7 +129,7 @@ void BusPeer::pump() {
     }
 }
 
-int BusPeer::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
+int BusPeer::received(sd_bus_message* message, sd_bus_error* /*error*/) {
     if (sd_bus_message_is_method_call(message, nullptr, nullptr) <= 0) {
         return 0;
     }
@@ -140,12 +143,11 @@ int BusPeer::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*erro
     const std::string arguments = describeArguments(message);
     call.text = call.member + (arguments.empty() ? "" : " " + arguments);
     call.arrival = std::chrono::steady_clock::now();
-    auto* const peer = static_cast<BusPeer*>(self);
-    const auto answer = peer->m_answers.find(call.member);
-    if (call.expectsReply && answer != peer->m_answers.end()) {
+    const auto answer = m_answers.find(call.member);
+    if (call.expectsReply && answer != m_answers.end()) {
         check(sd_bus_reply_method_return(message, "b", static_cast<int>(answer->second)), "reply");
     }
-    peer->m_calls.push_back(call);
+    m_calls.push_back(call);
     return 1;
 }
 

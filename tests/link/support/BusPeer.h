@@ -102,7 +102,7 @@ public:
     void pump() override;
 
 private:
-    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
+    int received(sd_bus_message* message, sd_bus_error* error);
     static void append(sd_bus_message* message, const char* types) {
         check(sd_bus_message_append(message, types), "append");
     }

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "link/support/UnixAddress.h"
+#include "platform/linux/bus/BusCallback.h"
 
 namespace link_tests {
 
@@ -83,16 +84,12 @@ void ScriptedBus::serve(int socket) {
     m_connection.reset(bus);
     check(sd_bus_set_fd(bus, socket, socket), "sd_bus_set_fd");
     check(sd_bus_set_server(bus, 1, {}), "sd_bus_set_server");
-    check(sd_bus_add_filter(bus, nullptr, &ScriptedBus::onMessage, this), "sd_bus_add_filter");
+    check(sd_bus_add_filter(bus, nullptr, platform::busCallback<&ScriptedBus::received, ScriptedBus>, this),
+          "sd_bus_add_filter");
     check(sd_bus_start(bus), "sd_bus_start");
 }
 
-int ScriptedBus::onMessage(sd_bus_message* message, void* self, sd_bus_error* /*error*/) {
-    static_cast<ScriptedBus*>(self)->received(message);
-    return 1;
-}
-
-void ScriptedBus::received(sd_bus_message* message) {
+int ScriptedBus::received(sd_bus_message* message, sd_bus_error* /*error*/) {
     if (sd_bus_message_is_method_call(message, nullptr, nullptr) > 0) {
         const std::string member = textOf(sd_bus_message_get_member(message));
         const std::string arguments = describeArguments(message);
@@ -104,6 +101,7 @@ void ScriptedBus::received(sd_bus_message* message) {
     } else {
         m_replies.emplace_back();
     }
+    return 1;
 }
 
 void ScriptedBus::answerByItself(std::size_t place, const char* member) {

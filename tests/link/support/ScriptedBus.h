@@ -85,9 +85,8 @@ private:
         sd_bus_send(m_connection.get(), message.get(), &cookie);
     }
     void serve(int socket);
-    void received(sd_bus_message* message);
+    int received(sd_bus_message* message, sd_bus_error* error);
     void answerByItself(std::size_t place, const char* member);
-    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
 
     int m_socket;
     std::string m_path;

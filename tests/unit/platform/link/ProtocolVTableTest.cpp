@@ -12,11 +12,16 @@
 #include <set>
 #include <string>
 
+#include "platform/linux/bus/BusCallback.h"
+#include "platform/linux/bus/BusHandles.h"
 #include "platform/linux/link/WireNames.h"
 
 namespace {
 
 using namespace platform::dbus;
+using platform::BusHandle;
+using platform::MessageHandle;
+using platform::SlotHandle;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -34,24 +39,11 @@ std::map<std::string, Wire> wireOf(const XpcProtocol& protocol) {
     return wire;
 }
 
-struct BusCloser {
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-using Bus = std::unique_ptr<sd_bus, BusCloser>;
-
-struct MessageUnref {
-    void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using Message = std::unique_ptr<sd_bus_message, MessageUnref>;
-
-struct SlotUnref {
-    void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-
 // Two ends of one connection without a bus between them; the server has the table registered on a path.
 class Peers {
 public:
-    explicit Peers(const XpcProtocol& protocol) : m_protocol(protocol), m_table(protocol, &Peers::onCall) {
+    explicit Peers(const XpcProtocol& protocol)
+        : m_protocol(protocol), m_table(protocol, platform::busCallback<&Peers::called, Peers>) {
         std::array<int, 2> ends{};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends.data()), 0);
         m_server = open(ends[0], true);
@@ -65,15 +57,15 @@ public:
 
     static constexpr const char* path = "/some/object";
 
-    Message newCall(const char* interface, const char* member) {
+    MessageHandle newCall(const char* interface, const char* member) {
         sd_bus_message* call = nullptr;
         EXPECT_GE(sd_bus_message_new_method_call(m_client.get(), &call, nullptr, path, interface, member), 0);
-        return Message(call);
+        return MessageHandle(call);
     }
 
     // Sends the call and turns both ends until the reply is there.
-    Message exchange(const Message& call) {
-        Message reply;
+    MessageHandle exchange(const MessageHandle& call) {
+        MessageHandle reply;
         EXPECT_GE(sd_bus_call_async(m_client.get(), nullptr, call.get(), &Peers::onReply, &reply, 5'000'000),
                   0);
         while (!reply) {
@@ -86,7 +78,7 @@ public:
     }
 
     std::string introspection() {
-        const Message reply = exchange(newCall("org.freedesktop.DBus.Introspectable", "Introspect"));
+        const MessageHandle reply = exchange(newCall("org.freedesktop.DBus.Introspectable", "Introspect"));
         const char* xml = "";
         EXPECT_GE(sd_bus_message_read(reply.get(), "s", &xml), 0);
         return xml;
@@ -95,7 +87,7 @@ public:
     const std::set<std::string>& handled() const { return m_handled; }
 
 private:
-    static Bus open(int fd, bool server) {
+    static BusHandle open(int fd, bool server) {
         sd_bus* bus = nullptr;
         EXPECT_GE(sd_bus_new(&bus), 0);
         EXPECT_GE(sd_bus_set_fd(bus, fd, fd), 0);
@@ -106,17 +98,16 @@ private:
         }
         EXPECT_GE(sd_bus_set_anonymous(bus, 1), 0);
         EXPECT_GE(sd_bus_start(bus), 0);
-        return Bus(bus);
+        return BusHandle(bus);
     }
 
-    static int onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
-        auto* self = static_cast<Peers*>(userdata);
-        const XpcMethod* method = findMember(self->m_protocol, sd_bus_message_get_member(call));
+    int called(sd_bus_message* call, sd_bus_error* /*error*/) {
+        const XpcMethod* method = findMember(m_protocol, sd_bus_message_get_member(call));
         if (method == nullptr) {
             ADD_FAILURE() << "sd-bus let an unknown member through";
             return sd_bus_reply_method_return(call, nullptr);
         }
-        self->m_handled.emplace(method->member());
+        m_handled.emplace(method->member());
         switch (method->reply) {
             case XpcReply::Bool:
                 return sd_bus_reply_method_return(call, "b", 1);
@@ -130,17 +121,17 @@ private:
         return sd_bus_reply_method_return(call, nullptr);
     }
 
-    static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
-        static_cast<Message*>(userdata)->reset(sd_bus_message_ref(reply));
+    static int onReply(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) noexcept {
+        static_cast<MessageHandle*>(userdata)->reset(sd_bus_message_ref(reply));
         return 0;
     }
 
     const XpcProtocol& m_protocol;
     ProtocolVTable m_table;
     std::set<std::string> m_handled;
-    Bus m_server;
-    Bus m_client;
-    std::unique_ptr<sd_bus_slot, SlotUnref> m_slot;
+    BusHandle m_server;
+    BusHandle m_client;
+    SlotHandle m_slot;
 };
 
 void appendSample(sd_bus_message* call, XpcType type) {
@@ -271,11 +262,11 @@ TEST(ProtocolVTable, BringsACallOfEveryMethodToTheHandler) {
         Peers peers(*protocol);
         for (const XpcMethod& method : *protocol) {
             const std::string member(method.member());
-            const Message call = peers.newCall(interfaceName(*protocol).c_str(), member.c_str());
+            const MessageHandle call = peers.newCall(interfaceName(*protocol).c_str(), member.c_str());
             for (std::size_t i = 0; i < method.argumentCount; ++i) {
                 appendSample(call.get(), method.arguments[i]);
             }
-            const Message reply = peers.exchange(call);
+            const MessageHandle reply = peers.exchange(call);
             EXPECT_FALSE(sd_bus_message_is_method_error(reply.get(), nullptr)) << member;
             EXPECT_EQ(sd_bus_message_get_signature(reply.get(), 1), replySignature(method)) << member;
             EXPECT_EQ(peers.handled().count(member), 1U) << member;
@@ -285,16 +276,17 @@ TEST(ProtocolVTable, BringsACallOfEveryMethodToTheHandler) {
 
 TEST(ProtocolVTable, LetsSdBusRefuseAWrongSignature) {
     Peers peers(xpcAgentProtocol);
-    const Message call = peers.newCall(interfaceName(xpcAgentProtocol).c_str(), "connected");
+    const MessageHandle call = peers.newCall(interfaceName(xpcAgentProtocol).c_str(), "connected");
     ASSERT_GE(sd_bus_message_append(call.get(), "s", "yes"), 0);
-    const Message reply = peers.exchange(call);
+    const MessageHandle reply = peers.exchange(call);
     EXPECT_TRUE(sd_bus_message_is_method_error(reply.get(), SD_BUS_ERROR_INVALID_ARGS));
     EXPECT_TRUE(peers.handled().empty());
 }
 
 TEST(ProtocolVTable, LetsSdBusRefuseAnUnknownMethod) {
     Peers peers(xpcAgentProtocol);
-    const Message reply = peers.exchange(peers.newCall(interfaceName(xpcAgentProtocol).c_str(), "reboot"));
+    const MessageHandle reply =
+        peers.exchange(peers.newCall(interfaceName(xpcAgentProtocol).c_str(), "reboot"));
     EXPECT_TRUE(sd_bus_message_is_method_error(reply.get(), SD_BUS_ERROR_UNKNOWN_METHOD));
     EXPECT_TRUE(peers.handled().empty());
 }

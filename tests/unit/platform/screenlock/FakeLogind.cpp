@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/linux/bus/BusCallback.h"
 #include "platform/linux/process/OutHandle.h"
 
 namespace {
@@ -33,7 +34,9 @@ platform::BusHandle connectTo(const std::string& address) {
 }
 
 FakeLogind::FakeLogind(sd_event* loop, const std::string& address) : m_bus(connectTo(address)) {
-    check(sd_bus_add_filter(m_bus.get(), platform::OutHandle(m_filter), &FakeLogind::called, this), "filter");
+    check(sd_bus_add_filter(m_bus.get(), platform::OutHandle(m_filter),
+                            platform::busCallback<&FakeLogind::called, FakeLogind>, this),
+          "filter");
     check(sd_bus_request_name(m_bus.get(), service, 0), "name");
     check(sd_bus_attach_event(m_bus.get(), loop, SD_EVENT_PRIORITY_NORMAL), "attach");
 }
@@ -81,21 +84,20 @@ void FakeLogind::answerHeld() {
     }
 }
 
-int FakeLogind::called(sd_bus_message* call, void* self, sd_bus_error* /*error*/) {
-    auto* const logind = static_cast<FakeLogind*>(self);
+int FakeLogind::called(sd_bus_message* call, sd_bus_error* /*error*/) {
     if (sd_bus_message_is_method_call(call, nullptr, nullptr) <= 0) {
         return 0;
     }
-    if (logind->answerLocker(call)) {
+    if (answerLocker(call)) {
         return 1;
     }
-    logind->m_asker = sd_bus_message_get_sender(call);
+    m_asker = sd_bus_message_get_sender(call);
     const bool asksForList = sd_bus_message_is_method_call(call, managerInterface, "ListSessions") > 0;
-    ++(asksForList ? logind->m_listsAsked : logind->m_sessionsAsked);
-    if (asksForList ? logind->m_holdingLists : logind->m_holding) {
-        logind->m_held.emplace_back(sd_bus_message_ref(call));
+    ++(asksForList ? m_listsAsked : m_sessionsAsked);
+    if (asksForList ? m_holdingLists : m_holding) {
+        m_held.emplace_back(sd_bus_message_ref(call));
     } else {
-        logind->answer(call);
+        answer(call);
     }
     return 1;
 }

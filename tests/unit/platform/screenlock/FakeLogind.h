@@ -72,7 +72,7 @@ public:
     sd_bus* bus() const { return m_bus.get(); }
 
 private:
-    static int called(sd_bus_message* call, void* self, sd_bus_error* error);
+    int called(sd_bus_message* call, sd_bus_error* error);
     bool answerLocker(sd_bus_message* call);
     void answer(sd_bus_message* call);
     void answerList(sd_bus_message* call);

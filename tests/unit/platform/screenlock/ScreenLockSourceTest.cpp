@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/bus/BusCallback.h"
 #include "platform/linux/process/OutHandle.h"
 #include "unit/platform/bus/PrivateBus.h"
 #include "unit/platform/runloop/LoopFixture.h"
@@ -44,7 +45,7 @@ public:
     FakeSaver(sd_event* loop, const std::string& address, std::string name, bool active)
         : m_bus(connectTo(address)), m_name(std::move(name)), m_path("/" + m_name), m_active(active) {
         std::replace(m_path.begin(), m_path.end(), '.', '/');
-        sd_bus_add_filter(m_bus.get(), nullptr, &FakeSaver::called, this);
+        sd_bus_add_filter(m_bus.get(), nullptr, platform::busCallback<&FakeSaver::called, FakeSaver>, this);
         sd_bus_request_name(m_bus.get(), m_name.c_str(), 0);
         sd_bus_attach_event(m_bus.get(), loop, SD_EVENT_PRIORITY_NORMAL);
     }
@@ -72,20 +73,19 @@ public:
     const std::string& asker() const { return m_asker; }
 
 private:
-    static int called(sd_bus_message* call, void* self, sd_bus_error* /*error*/) {
-        auto* const saver = static_cast<FakeSaver*>(self);
-        if (sd_bus_message_is_method_call(call, saver->m_name.c_str(), "GetActive") <= 0 ||
-            saver->m_path != sd_bus_message_get_path(call)) {
+    int called(sd_bus_message* call, sd_bus_error* /*error*/) {
+        if (sd_bus_message_is_method_call(call, m_name.c_str(), "GetActive") <= 0 ||
+            m_path != sd_bus_message_get_path(call)) {
             return 0;
         }
-        ++saver->m_asked;
-        saver->m_asker = sd_bus_message_get_sender(call);
-        if (saver->m_holds) {
-            saver->m_held.emplace_back(sd_bus_message_ref(call));
-        } else if (saver->m_refuses) {
+        ++m_asked;
+        m_asker = sd_bus_message_get_sender(call);
+        if (m_holds) {
+            m_held.emplace_back(sd_bus_message_ref(call));
+        } else if (m_refuses) {
             sd_bus_reply_method_errorf(call, SD_BUS_ERROR_FAILED, "refused");
         } else {
-            sd_bus_reply_method_return(call, "b", static_cast<int>(saver->m_active));
+            sd_bus_reply_method_return(call, "b", static_cast<int>(m_active));
         }
         return 1;
     }
