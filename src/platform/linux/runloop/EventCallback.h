@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/inotify.h>
 #include <systemd/sd-event.h>
 
 #include <cstdint>
@@ -21,6 +22,13 @@ template <auto method, typename Object>
 int eventCallback(sd_event_source* /*source*/, int /*descriptor*/, std::uint32_t /*events*/,
                   void* object) noexcept {
     (static_cast<Object*>(object)->*method)();
+    return 0;
+}
+
+/// Of a file or directory; `method` takes the event.
+template <auto method, typename Object>
+int eventCallback(sd_event_source* /*source*/, const inotify_event* event, void* object) noexcept {
+    (static_cast<Object*>(object)->*method)(*event);
     return 0;
 }
 

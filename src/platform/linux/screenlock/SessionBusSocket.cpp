@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/linux/process/OutHandle.h"
+#include "platform/linux/runloop/EventCallback.h"
 
 namespace platform {
 
@@ -18,7 +19,7 @@ void SessionBusSocket::await() {
     const std::string directory = m_path.substr(0, m_path.rfind('/') + 1);
     constexpr std::uint32_t events = IN_CREATE | IN_MOVED_TO | IN_MOVE_SELF | IN_ONLYDIR;
     sd_event_add_inotify(m_loop, OutHandle(m_watch), directory.c_str(), events,
-                         &SessionBusSocket::directoryChanged, this);
+                         &eventCallback<&SessionBusSocket::happened, SessionBusSocket>, this);
 }
 
 void SessionBusSocket::happened(const inotify_event& event) {
@@ -31,12 +32,6 @@ void SessionBusSocket::happened(const inotify_event& event) {
                (event.len > 0 && m_path.substr(m_path.rfind('/') + 1) == event.name)) {
         m_appeared();
     }
-}
-
-int SessionBusSocket::directoryChanged(sd_event_source* /*source*/, const inotify_event* event,
-                                       void* self) noexcept {
-    static_cast<SessionBusSocket*>(self)->happened(*event);
-    return 0;
 }
 
 std::string sessionBusSocketPath() {

@@ -30,7 +30,6 @@ public:
 
 private:
     void happened(const inotify_event& event);
-    static int directoryChanged(sd_event_source* source, const inotify_event* event, void* self) noexcept;
 
     sd_event* m_loop;
     std::function<void()> m_appeared;

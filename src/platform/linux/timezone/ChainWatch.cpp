@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/linux/process/OutHandle.h"
+#include "platform/linux/runloop/EventCallback.h"
 
 namespace platform {
 namespace {
@@ -34,7 +35,7 @@ int ChainWatch::watchDirectory(const std::string& path, const std::set<std::stri
     auto directory = std::make_unique<Directory>(Directory{this, names, nullptr});
     const int error =
         sd_event_add_inotify(m_loop, OutHandle(directory->source), path.c_str(), events | IN_ONLYDIR,
-                             &ChainWatch::directoryChanged, directory.get());
+                             &eventCallback<&Directory::happened, Directory>, directory.get());
     if (error >= 0) {
         m_directories.push_back(std::move(directory));
     }
@@ -49,12 +50,6 @@ void ChainWatch::Directory::happened(const inotify_event& event) const {
     if (concerns || (event.mask & anythingMayHaveChanged) != 0) {
         owner->m_changed();
     }
-}
-
-int ChainWatch::directoryChanged(sd_event_source* /*source*/, const inotify_event* event,
-                                 void* directory) noexcept {
-    static_cast<Directory*>(directory)->happened(*event);
-    return 0;
 }
 
 }  // namespace platform

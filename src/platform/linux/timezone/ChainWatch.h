@@ -39,8 +39,6 @@ private:
     };
 
     int watchDirectory(const std::string& path, const std::set<std::string>& names);
-    static int directoryChanged(sd_event_source* source, const inotify_event* event,
-                                void* directory) noexcept;
 
     sd_event* m_loop;
     std::function<void()> m_changed;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <functional>
 
 #include "platform/linux/process/FileDescriptor.h"
@@ -20,8 +19,7 @@ public:
     MountWatch& operator=(const MountWatch&) = delete;
 
 private:
-    static int tableChanged(sd_event_source* source, int descriptor, std::uint32_t events,
-                            void* self) noexcept;
+    void tableChanged();
 
     std::function<void()> m_changed;
     FileDescriptor m_table;
