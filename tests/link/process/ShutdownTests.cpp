@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -33,19 +35,30 @@ void PrintTo(const Case& shown, std::ostream* out) {
     *out << shown.name;
 }
 
+using Time = std::chrono::milliseconds;
+
 /// The agent is asked to end while a bus is in some state: no bus may keep it.
 class Shutdown : public LinkTest {
 protected:
-    /// Has the agent end, and tells how long that took: tests/link prints the table that the documents quote.
-    void expectEnd(const std::string& state) {
+    /// Has the agent end in what `arrange` brings about, up to three times, as a machine with other work may
+    /// hold one of them up: each with status 0, and the quickest within what is promised.
+    void expectEnds(const std::string& state, const std::function<void()>& arrange) {
+        constexpr Time promised = std::chrono::seconds(2);
+        Time quickest = Time::max();
+        for (int round = 0; round < 3 && quickest >= promised && !HasFailure(); ++round) {
+            ASSERT_NO_FATAL_FAILURE(arrange());
+            quickest = std::min(quickest, timeToEnd(state));
+        }
+        EXPECT_LT(quickest, promised);
+    }
+    /// tests/link prints the table that the documents quote.
+    Time timeToEnd(const std::string& state) {
         const auto start = std::chrono::steady_clock::now();
         agent->signal(SIGTERM);
         EXPECT_EQ(agent->awaitEnd(), "exit 0");
-        const auto time =
-            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+        const auto time = std::chrono::duration_cast<Time>(std::chrono::steady_clock::now() - start);
         std::cout << "SIGTERM to exit: " << time.count() << " ms, " << state << "\n";
-        // Two seconds are promised; a machine with other work gets some more.
-        EXPECT_LT(time, std::chrono::seconds(10));
+        return time;
     }
     bool awaitThreadThatWritesOutput() const {
         return await([this] {
@@ -104,12 +117,16 @@ TEST_P(ShutdownOnBus, EndsSoonWithZero) {
     if (&chosen == &sessionBus) {
         bus.start();
     }
-    startAgent();
-    ASSERT_TRUE(agent->log().awaitCount(message::tick, 2));
-    if (state() == BusState::FrozenAfter) {
-        chosen.freeze();
-    }
-    expectEnd(testing::UnitTest::GetInstance()->current_test_info()->name());
+    expectEnds(testing::UnitTest::GetInstance()->current_test_info()->name(), [&] {
+        if (state() == BusState::FrozenAfter) {
+            chosen.thaw();
+        }
+        startAgent();
+        ASSERT_TRUE(agent->log().awaitCount(message::tick, agent->log().count(message::tick) + 2));
+        if (state() == BusState::FrozenAfter) {
+            chosen.freeze();
+        }
+    });
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -134,30 +151,38 @@ TEST_F(Shutdown, EndsSoonWithOutputLeftOverForTheSystemBus) {
     ASSERT_EQ(saver.requestName("org.mate.ScreenSaver"), 1U);
     const BusTarget toAll{"", "/org/mate/ScreenSaver", "org.mate.ScreenSaver"};
     startSystem();
-    startLinked();
-    ASSERT_TRUE(await([&] {
-        saver.emit(toAll, "ActiveChanged", "b", 1);
-        return daemon->events().size() == 1;
-    }));
-    const std::size_t mark = agent->log().mark();
-    bus.freeze();
-    constexpr std::size_t rounds = 1500;
-    for (std::size_t round = 0; round < rounds; ++round) {
-        saver.emit(toAll, "ActiveChanged", "b", 0);
-        saver.emit(toAll, "ActiveChanged", "b", 1);
-    }
-    ASSERT_TRUE(agent->log().awaitCount(message::sendingStatus, 2 * rounds, mark));
-    expectEnd("SystemBusFrozenWithOutputLeftOver");
+    expectEnds("SystemBusFrozenWithOutputLeftOver", [&] {
+        bus.thaw();
+        daemon.reset();
+        startLinked();
+        ASSERT_TRUE(await([&] {
+            saver.emit(toAll, "ActiveChanged", "b", 1);
+            return daemon->events().size() == 1;
+        }));
+        const std::size_t mark = agent->log().mark();
+        bus.freeze();
+        constexpr std::size_t rounds = 1500;
+        for (std::size_t round = 0; round < rounds; ++round) {
+            saver.emit(toAll, "ActiveChanged", "b", 0);
+            saver.emit(toAll, "ActiveChanged", "b", 1);
+        }
+        ASSERT_TRUE(agent->log().awaitCount(message::sendingStatus, 2 * rounds, mark));
+    });
 }
 
 TEST_F(Shutdown, WhatWasSentBeforeTheEndStillArrives) {
     startSystem();
-    startLinked();
-    ASSERT_TRUE(awaitSessionRead(ownSession));
-    // Stopped, it finds the event and the signal at once.
-    logind->setLockedHint(ownSession, true);
-    ASSERT_TRUE(agent->log().await(message::sendingStatus));
-    expectEnd("SystemBusLinked");
+    expectEnds("SystemBusLinked", [&] {
+        daemon.reset();
+        logind->setLockedHint(ownSession, false);
+        const std::size_t reads = sessionReads(ownSession);
+        startLinked();
+        ASSERT_TRUE(awaitSessionRead(ownSession, reads + 1));
+        // Stopped, it finds the event and the signal at once.
+        const std::size_t mark = agent->log().mark();
+        logind->setLockedHint(ownSession, true);
+        ASSERT_TRUE(agent->log().await(message::sendingStatus, mark));
+    });
     ASSERT_TRUE(daemon->awaitEvents(1));
     EXPECT_EQ(daemon->events(), Messages{"onScreenLocked true"});
 }
