@@ -1,3 +1,7 @@
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -60,19 +64,28 @@ protected:
         std::cout << "SIGTERM to exit: " << time.count() << " ms, " << state << "\n";
         return time;
     }
-    bool awaitThreadThatWritesOutput() const {
+    bool awaitThreadThatOpensAFile() const {
         return await([this] {
             for (const auto& task :
                  std::filesystem::directory_iterator("/proc/" + std::to_string(agent->pid()) + "/task")) {
                 std::ifstream call(task.path() / "syscall");
-                std::string number;
-                std::string descriptor;
-                if (call >> number >> descriptor && number == "1" && descriptor == "0x1") {
+                long number = 0;
+                if (call >> number && number == SYS_openat) {
                     return true;
                 }
             }
             return false;
         });
+    }
+
+    /// The next few lines fill the log, and whoever opens the first backup's name waits for another to do so.
+    void haveTheRotationHang() {
+        std::ofstream(machine.logPath()) << std::string(5990000, 'x') << "\n";
+        const std::string backup = machine.logPath() + "1";
+        ASSERT_EQ(::mkfifo(backup.c_str(), 0600), 0);
+        for (const std::string& file : {machine.logPath(), backup}) {
+            ASSERT_EQ(::chown(file.c_str(), agentUser, agentUser), 0);
+        }
     }
 };
 
@@ -189,13 +202,16 @@ TEST_F(Shutdown, WhatWasSentBeforeTheEndStillArrives) {
 
 TEST_F(Shutdown, ASecondSignalEndsATeardownThatHangs) {
     bus.start();
-    options.output = AgentOptions::Output::FullPipe;
-    startLinked();
-    // Whoever logs stands still once the pipe is full, and the teardown waits for him.
+    haveTheRotationHang();
+    daemon = std::make_unique<FakeDaemon>(bus.address());
+    startAgent();
+    ASSERT_TRUE(daemon->awaitConnects(1));
+    ASSERT_TRUE(daemon->confirm().ok());
+    // Whoever logs stands still from some line on, and the teardown waits for him.
     for (int i = 0; i < 2000; ++i) {
         daemon->send("logLevel", "x", std::int64_t{i});
     }
-    ASSERT_TRUE(awaitThreadThatWritesOutput());
+    ASSERT_TRUE(awaitThreadThatOpensAFile());
     agent->signal(SIGTERM);
     EXPECT_FALSE(await([&] { return !agent->running(); }, std::chrono::milliseconds(1500)));
     agent->signal(SIGTERM);

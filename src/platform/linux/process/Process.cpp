@@ -7,6 +7,7 @@
 #include <csignal>
 
 #include "platform/linux/process/LocalTime.h"
+#include "platform/linux/process/StandardOutput.h"
 
 namespace platform {
 
@@ -26,6 +27,7 @@ void occupyStandardStreams() {
 void prepareProcess() noexcept {
     occupyStandardStreams();
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    neverWaitForStandardOutput();
 
     // Threads inherit the mask, so the two stay pending for the loop, which fetches them from a descriptor.
     sigset_t ending;

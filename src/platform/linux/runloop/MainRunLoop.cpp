@@ -58,7 +58,7 @@ bool endingSignalComes(const timespec& within) {
     return sigtimedwait(&ending, nullptr, &within) > 0;
 }
 
-// What is left to do could still hang, in a log that nobody reads for one; who asks twice means it.
+// What is left to do could still hang, in a log file on a disk that hangs for one; who asks twice means it.
 void letTheNextSignalEndTheProcess() {
     const sigset_t ending = endingSignals();
     pthread_sigmask(SIG_UNBLOCK, &ending, nullptr);
