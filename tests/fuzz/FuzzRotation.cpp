@@ -21,8 +21,8 @@ constexpr int mostBackups = 10;
 
 /// A name in the directory. What is not there has no entry.
 struct Entry {
-    enum class Kind { file, directory, dangling };
-    Kind kind = Kind::file;
+    enum class Kind { File, Directory, Dangling };
+    Kind kind = Kind::File;
     std::string text;
 };
 
@@ -65,7 +65,7 @@ public:
 private:
     bool readable(int number) const {
         const auto found = entries.find(number);
-        return found != entries.end() && found->second.kind != Entry::Kind::dangling;
+        return found != entries.end() && found->second.kind != Entry::Kind::Dangling;
     }
 
     /// The first backup that is not there, among those that are kept.
@@ -87,7 +87,7 @@ private:
 
     void move(int from, int to) {
         std::string text;
-        if (readable(from) && entries[from].kind == Entry::Kind::file) {
+        if (readable(from) && entries[from].kind == Entry::Kind::File) {
             text = entries[from].text;
             if (!text.empty() && text.back() != '\n') {
                 text += '\n';
@@ -97,7 +97,7 @@ private:
             entries[0] = {};
         }
         const auto target = entries.try_emplace(to).first;
-        if (target->second.kind == Entry::Kind::file) {
+        if (target->second.kind == Entry::Kind::File) {
             target->second.text = text;
         }
     }
@@ -123,9 +123,9 @@ public:
 
     void make(int number, const Entry& entry) const {
         std::filesystem::remove_all(path(number));
-        if (entry.kind == Entry::Kind::file) {
+        if (entry.kind == Entry::Kind::File) {
             logtest::writeFile(path(number), entry.text);
-        } else if (entry.kind == Entry::Kind::directory) {
+        } else if (entry.kind == Entry::Kind::Directory) {
             std::filesystem::create_directory(path(number));
         } else {
             std::filesystem::create_symlink(m_scratch.path("missing/target"), path(number));
@@ -141,9 +141,9 @@ public:
         must(found == entries.size(), "no file is missing, and none is too many");
         for (const auto& [number, entry] : entries) {
             const auto status = std::filesystem::symlink_status(path(number));
-            must(std::filesystem::is_regular_file(status) == (entry.kind == Entry::Kind::file),
+            must(std::filesystem::is_regular_file(status) == (entry.kind == Entry::Kind::File),
                  "a file stays one");
-            must(entry.kind != Entry::Kind::file || logtest::readFile(path(number)) == entry.text,
+            must(entry.kind != Entry::Kind::File || logtest::readFile(path(number)) == entry.text,
                  "a file has the lines that it must have");
         }
     }
@@ -154,8 +154,8 @@ private:
 
 Entry anyEntry(FuzzedDataProvider& input) {
     const auto kind = input.PickValueInArray(
-        {Entry::Kind::file, Entry::Kind::file, Entry::Kind::directory, Entry::Kind::dangling});
-    return {kind, kind == Entry::Kind::file ? input.ConsumeRandomLengthString(40) : std::string()};
+        {Entry::Kind::File, Entry::Kind::File, Entry::Kind::Directory, Entry::Kind::Dangling});
+    return {kind, kind == Entry::Kind::File ? input.ConsumeRandomLengthString(40) : std::string()};
 }
 
 bool written(Logging::FileDestination& destination, const std::string& line) {
@@ -195,7 +195,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (int number = 0; number <= mostBackups + 2; ++number) {
         if (input.ConsumeBool()) {
             model.entries[number] =
-                number == 0 ? Entry{Entry::Kind::file, input.ConsumeRandomLengthString(60)} : anyEntry(input);
+                number == 0 ? Entry{Entry::Kind::File, input.ConsumeRandomLengthString(60)} : anyEntry(input);
             directory.make(number, model.entries[number]);
         }
     }

@@ -43,7 +43,7 @@ const char* textOf(CFNotificationName name) {
 }  // namespace
 
 struct VelmNotificationCenter {
-    enum class Delivery { onPostersThread, onMainRunLoop };
+    enum class Delivery { OnPostersThread, OnMainRunLoop };
 
     explicit VelmNotificationCenter(Delivery delivery) : m_delivery(delivery) {}
 
@@ -123,7 +123,7 @@ void VelmNotificationCenter::post(const std::string& name) {
     if (registrations.empty()) {
         return;
     }
-    if (m_delivery == Delivery::onPostersThread) {
+    if (m_delivery == Delivery::OnPostersThread) {
         deliver(registrations, name);
         return;
     }
@@ -192,12 +192,12 @@ const CFNotificationName kCFTimeZoneSystemTimeZoneDidChangeNotification =
 
 // Neither centre is ever destroyed: static objects of others may still remove their observers at exit.
 CFNotificationCenterRef CFNotificationCenterGetDistributedCenter() {
-    static auto* const center = new VelmNotificationCenter(VelmNotificationCenter::Delivery::onMainRunLoop);
+    static auto* const center = new VelmNotificationCenter(VelmNotificationCenter::Delivery::OnMainRunLoop);
     return center;
 }
 
 CFNotificationCenterRef CFNotificationCenterGetLocalCenter() {
-    static auto* const center = new VelmNotificationCenter(VelmNotificationCenter::Delivery::onPostersThread);
+    static auto* const center = new VelmNotificationCenter(VelmNotificationCenter::Delivery::OnPostersThread);
     return center;
 }
 

@@ -30,11 +30,11 @@ void ScreenLockState::sessionRead(const std::string& session, const Reading& rea
     Session& entry = found->second;
     if (!reading.open) {
         leave(entry);
-        entry.kind = Session::Kind::closing;
+        entry.kind = Session::Kind::Closing;
         takeOver();
-    } else if (entry.kind == Session::Kind::open) {
+    } else if (entry.kind == Session::Kind::Open) {
         entry.hasScreen = reading.hasScreen;
-        submit({Edge::Kind::hint, session, reading.locked});
+        submit({Edge::Kind::Hint, session, reading.locked});
     } else {
         firstAnswer(session, entry, reading);
     }
@@ -46,12 +46,12 @@ void ScreenLockState::sessionChanged(const std::string& session, bool locked) {
     if (found == m_sessions.end()) {
         return;
     }
-    if (found->second.kind == Session::Kind::unread) {
+    if (found->second.kind == Session::Kind::Unread) {
         if (found->second.early.size() < mostWaiting) {
             found->second.early.push_back(locked);
         }
-    } else if (found->second.kind == Session::Kind::open) {
-        submit({Edge::Kind::hint, session, locked});
+    } else if (found->second.kind == Session::Kind::Open) {
+        submit({Edge::Kind::Hint, session, locked});
     }
 }
 
@@ -109,7 +109,7 @@ void ScreenLockState::saverVanished(const std::string& saver) {
 void ScreenLockState::saverStaysAway(const std::string& saver) {
     const auto found = m_savers.find(saver);
     if (found != m_savers.end() && found->second.away) {
-        submit({Edge::Kind::saverAway, saver, false});
+        submit({Edge::Kind::SaverAway, saver, false});
     }
 }
 
@@ -143,15 +143,15 @@ void ScreenLockState::announce() {
 
 void ScreenLockState::firstAnswer(const std::string& key, Session& session, const Reading& reading) {
     const std::vector<bool> early = std::exchange(session.early, {});
-    session.kind = Session::Kind::open;
+    session.kind = Session::Kind::Open;
     session.hasScreen = reading.hasScreen;
     // What changed to one value had the other before; that is the state to take over, and the rest are edges.
     setHint(session, early.empty() ? reading.locked : !early.front());
     takeOver();
     for (const bool value : early) {
-        submit({Edge::Kind::hint, key, value});
+        submit({Edge::Kind::Hint, key, value});
     }
-    submit({Edge::Kind::hint, key, reading.locked});
+    submit({Edge::Kind::Hint, key, reading.locked});
 }
 
 void ScreenLockState::setHint(Session& session, bool locked) {
@@ -191,12 +191,12 @@ void ScreenLockState::submit(const Edge& edge) {
 std::set<std::string> ScreenLockState::doubtfulFor(const Edge& edge) const {
     std::set<std::string> sessions;
     const auto own = m_sessions.find(edge.key);
-    if (edge.kind == Edge::Kind::hint && (own == m_sessions.end() || own->second.locked == edge.locked)) {
+    if (edge.kind == Edge::Kind::Hint && (own == m_sessions.end() || own->second.locked == edge.locked)) {
         return sessions;
     }
     for (const auto& [key, session] : m_sessions) {
-        const bool swallows = edge.kind == Edge::Kind::hint && session.locked && key != edge.key;
-        const bool left = edge.kind == Edge::Kind::saverAway && session.hasScreen;
+        const bool swallows = edge.kind == Edge::Kind::Hint && session.locked && key != edge.key;
+        const bool left = edge.kind == Edge::Kind::SaverAway && session.hasScreen;
         if (swallows || left) {
             sessions.insert(key);
         }
@@ -205,7 +205,7 @@ std::set<std::string> ScreenLockState::doubtfulFor(const Edge& edge) const {
 }
 
 void ScreenLockState::apply(const Edge& edge) {
-    if (edge.kind == Edge::Kind::hint) {
+    if (edge.kind == Edge::Kind::Hint) {
         applyHint(edge);
     } else {
         applySaverAway(edge);
@@ -214,7 +214,7 @@ void ScreenLockState::apply(const Edge& edge) {
 
 void ScreenLockState::applyHint(const Edge& edge) {
     const auto found = m_sessions.find(edge.key);
-    if (found != m_sessions.end() && found->second.kind == Session::Kind::open) {
+    if (found != m_sessions.end() && found->second.kind == Session::Kind::Open) {
         setHint(found->second, edge.locked);
         announce();
     }

@@ -67,8 +67,8 @@ public:
 
 private:
     struct Session {
-        enum class Kind { unread, closing, open };
-        Kind kind = Kind::unread;
+        enum class Kind { Unread, Closing, Open };
+        Kind kind = Kind::Unread;
         bool locked = false;
         bool hasScreen = false;
         bool keepsHint = false;
@@ -81,7 +81,7 @@ private:
     };
     /// An edge that may have to wait: of a session's hint, or that a saver stays away.
     struct Edge {
-        enum class Kind { hint, saverAway };
+        enum class Kind { Hint, SaverAway };
         Kind kind;
         std::string key;
         bool locked;

@@ -11,18 +11,18 @@
 /// One thing that happens to a ScreenLockState. `key` names a session or a saver.
 struct ScreenLockEvent {
     enum class Kind {
-        sessionAppeared,
-        sessionRead,
-        sessionReadWithoutScreen,
-        sessionReadClosing,
-        sessionChanged,
-        sessionRemoved,
-        sessionsForgotten,
-        saverRead,
-        saverChanged,
-        saverVanished,
-        saverStaysAway,
-        saverForgotten,
+        SessionAppeared,
+        SessionRead,
+        SessionReadWithoutScreen,
+        SessionReadClosing,
+        SessionChanged,
+        SessionRemoved,
+        SessionsForgotten,
+        SaverRead,
+        SaverChanged,
+        SaverVanished,
+        SaverStaysAway,
+        SaverForgotten,
     };
     static constexpr int kinds = 12;
 
@@ -34,40 +34,40 @@ struct ScreenLockEvent {
 inline void apply(platform::ScreenLockState& state, const ScreenLockEvent& event) {
     using Kind = ScreenLockEvent::Kind;
     switch (event.kind) {
-        case Kind::sessionAppeared:
+        case Kind::SessionAppeared:
             state.sessionAppeared(event.key);
             break;
-        case Kind::sessionRead:
+        case Kind::SessionRead:
             state.sessionRead(event.key, {true, event.value, true});
             break;
-        case Kind::sessionReadWithoutScreen:
+        case Kind::SessionReadWithoutScreen:
             state.sessionRead(event.key, {true, event.value, false});
             break;
-        case Kind::sessionReadClosing:
+        case Kind::SessionReadClosing:
             state.sessionRead(event.key, {false, event.value, true});
             break;
-        case Kind::sessionChanged:
+        case Kind::SessionChanged:
             state.sessionChanged(event.key, event.value);
             break;
-        case Kind::sessionRemoved:
+        case Kind::SessionRemoved:
             state.sessionRemoved(event.key);
             break;
-        case Kind::sessionsForgotten:
+        case Kind::SessionsForgotten:
             state.sessionsForgotten();
             break;
-        case Kind::saverRead:
+        case Kind::SaverRead:
             state.saverRead(event.key, event.value);
             break;
-        case Kind::saverChanged:
+        case Kind::SaverChanged:
             state.saverChanged(event.key, event.value);
             break;
-        case Kind::saverVanished:
+        case Kind::SaverVanished:
             state.saverVanished(event.key);
             break;
-        case Kind::saverStaysAway:
+        case Kind::SaverStaysAway:
             state.saverStaysAway(event.key);
             break;
-        case Kind::saverForgotten:
+        case Kind::SaverForgotten:
             state.saverForgotten(event.key);
             break;
     }
@@ -90,15 +90,15 @@ private:
 
     struct Step {
         enum class What {
-            hint,
-            closed,
-            opened,
-            sessionGone,
-            allGone,
-            saver,
-            saverAway,
-            saverLost,
-            saverGone
+            Hint,
+            Closed,
+            Opened,
+            SessionGone,
+            AllGone,
+            Saver,
+            SaverAway,
+            SaverLost,
+            SaverGone
         };
         What what;
         std::string key;
@@ -161,31 +161,31 @@ private:
         std::optional<std::vector<ScreenLockEvent>> events;
         for (std::size_t index = 0; index < now; ++index) {
             const ScreenLockEvent& event = history[index];
-            const bool ends = event.kind == Kind::sessionRemoved && event.key == history[now].key;
-            if (ends || event.kind == Kind::sessionsForgotten) {
+            const bool ends = event.kind == Kind::SessionRemoved && event.key == history[now].key;
+            if (ends || event.kind == Kind::SessionsForgotten) {
                 events.reset();
-            } else if (event.kind == Kind::sessionAppeared && event.key == history[now].key) {
+            } else if (event.kind == Kind::SessionAppeared && event.key == history[now].key) {
                 events = events.value_or(std::vector<ScreenLockEvent>());
-            } else if (events && event.kind < Kind::sessionsForgotten && event.key == history[now].key) {
+            } else if (events && event.kind < Kind::SessionsForgotten && event.key == history[now].key) {
                 events->push_back(event);
             }
         }
         return events;
     }
     static bool isRead(const ScreenLockEvent& event) {
-        return event.kind == Kind::sessionRead || event.kind == Kind::sessionReadWithoutScreen ||
-               event.kind == Kind::sessionReadClosing;
+        return event.kind == Kind::SessionRead || event.kind == Kind::SessionReadWithoutScreen ||
+               event.kind == Kind::SessionReadClosing;
     }
 
     void happens(const std::vector<ScreenLockEvent>& history, std::size_t now) {
         const ScreenLockEvent& event = history[now];
-        if (event.kind == Kind::sessionsForgotten) {
-            m_steps.push_back({Step::What::allGone, event.key});
+        if (event.kind == Kind::SessionsForgotten) {
+            m_steps.push_back({Step::What::AllGone, event.key});
             answered(std::nullopt);
-        } else if (event.kind > Kind::sessionsForgotten) {
+        } else if (event.kind > Kind::SessionsForgotten) {
             happensToSaver(event);
-        } else if (event.kind == Kind::sessionRemoved) {
-            m_steps.push_back({Step::What::sessionGone, event.key});
+        } else if (event.kind == Kind::SessionRemoved) {
+            m_steps.push_back({Step::What::SessionGone, event.key});
             answered(event.key);
         } else if (const auto before = life(history, now)) {
             happensToSession(event, *before);
@@ -199,17 +199,17 @@ private:
         const World world = evaluate();
         const auto saver = world.savers.find(event.key);
         const bool known = saver != world.savers.end();
-        if (event.kind == Kind::saverRead) {
-            m_steps.push_back({Step::What::saver, event.key, event.value, known});
-        } else if (event.kind == Kind::saverChanged) {
-            m_steps.push_back({Step::What::saver, event.key, known ? saver->second.active : !event.value});
-            m_steps.push_back({Step::What::saver, event.key, event.value, true});
-        } else if (event.kind == Kind::saverVanished) {
-            m_steps.push_back({Step::What::saverAway, event.key});
-        } else if (event.kind == Kind::saverForgotten) {
-            m_steps.push_back({Step::What::saverGone, event.key});
+        if (event.kind == Kind::SaverRead) {
+            m_steps.push_back({Step::What::Saver, event.key, event.value, known});
+        } else if (event.kind == Kind::SaverChanged) {
+            m_steps.push_back({Step::What::Saver, event.key, known ? saver->second.active : !event.value});
+            m_steps.push_back({Step::What::Saver, event.key, event.value, true});
+        } else if (event.kind == Kind::SaverVanished) {
+            m_steps.push_back({Step::What::SaverAway, event.key});
+        } else if (event.kind == Kind::SaverForgotten) {
+            m_steps.push_back({Step::What::SaverGone, event.key});
         } else if (known && saver->second.away) {
-            edge({Step::What::saverLost, event.key});
+            edge({Step::What::SaverLost, event.key});
         }
     }
 
@@ -219,26 +219,26 @@ private:
         std::vector<bool> early;
         for (const ScreenLockEvent& past : before) {
             read = read || isRead(past);
-            open = isRead(past) ? past.kind != Kind::sessionReadClosing : open;
-            if (past.kind == Kind::sessionChanged && !read) {
+            open = isRead(past) ? past.kind != Kind::SessionReadClosing : open;
+            if (past.kind == Kind::SessionChanged && !read) {
                 early.push_back(past.value);
             }
         }
-        if (event.kind == Kind::sessionReadClosing) {
-            m_steps.push_back({Step::What::closed, event.key});
+        if (event.kind == Kind::SessionReadClosing) {
+            m_steps.push_back({Step::What::Closed, event.key});
         } else if (isRead(event)) {
-            m_steps.push_back({Step::What::opened, event.key, event.kind == Kind::sessionRead});
+            m_steps.push_back({Step::What::Opened, event.key, event.kind == Kind::SessionRead});
             if (!open) {
                 early = read ? std::vector<bool>() : early;
                 m_steps.push_back(
-                    {Step::What::hint, event.key, early.empty() ? event.value : !early.front()});
+                    {Step::What::Hint, event.key, early.empty() ? event.value : !early.front()});
                 for (const bool value : early) {
-                    edge({Step::What::hint, event.key, value, true});
+                    edge({Step::What::Hint, event.key, value, true});
                 }
             }
-            edge({Step::What::hint, event.key, event.value, true});
-        } else if (event.kind == Kind::sessionChanged && open) {
-            edge({Step::What::hint, event.key, event.value, true});
+            edge({Step::What::Hint, event.key, event.value, true});
+        } else if (event.kind == Kind::SessionChanged && open) {
+            edge({Step::What::Hint, event.key, event.value, true});
         }
     }
 
@@ -249,7 +249,7 @@ private:
             const auto own = world.sessions.find(step.key);
             const bool changes = own != world.sessions.end() && own->second.locked != step.value;
             for (const auto& [key, session] : world.sessions) {
-                if (step.what == Step::What::saverLost ? session.screen
+                if (step.what == Step::What::SaverLost ? session.screen
                                                        : changes && session.locked && key != step.key) {
                     m_asked.insert(key);
                 }
@@ -275,36 +275,36 @@ private:
         const bool open = world.sessions.count(step.key) > 0;
         const bool saverKnown = world.savers.count(step.key) > 0;
         switch (step.what) {
-            case Step::What::opened:
+            case Step::What::Opened:
                 world.sessions[step.key].screen = step.value;
                 break;
-            case Step::What::hint:
+            case Step::What::Hint:
                 if (open) {
                     world.sessions[step.key].locked = step.value;
                     world.sessions[step.key].everLocked |= step.value;
                 }
                 break;
-            case Step::What::closed:
-            case Step::What::sessionGone:
+            case Step::What::Closed:
+            case Step::What::SessionGone:
                 world.close(step.key);
                 break;
-            case Step::What::allGone:
+            case Step::What::AllGone:
                 world.sessions.clear();
                 break;
-            case Step::What::saver:
+            case Step::What::Saver:
                 world.savers[step.key] = {step.value, false};
                 break;
-            case Step::What::saverAway:
+            case Step::What::SaverAway:
                 if (saverKnown) {
                     world.savers[step.key].away = true;
                 }
                 break;
-            case Step::What::saverLost:
+            case Step::What::SaverLost:
                 if (saverKnown && world.savers[step.key].away) {
                     world.savers.erase(step.key);
                 }
                 break;
-            case Step::What::saverGone:
+            case Step::What::SaverGone:
                 world.savers.erase(step.key);
                 break;
         }
@@ -315,7 +315,7 @@ private:
         for (const Step& step : m_steps) {
             const bool before = world.locked();
             take(step, world);
-            const bool announced = step.what == Step::What::saverLost ? world.hasScreen() : step.announced;
+            const bool announced = step.what == Step::What::SaverLost ? world.hasScreen() : step.announced;
             if (announced && world.locked() != before) {
                 world.reports.push_back(world.locked());
             }
