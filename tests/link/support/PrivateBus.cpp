@@ -76,6 +76,10 @@ PrivateBus::PrivateBus()
       m_address("unix:path=" + m_socketPath),
       m_configPath(m_directory.path() + "/bus.conf") {}
 
+PrivateBus::~PrivateBus() {
+    stop();
+}
+
 void PrivateBus::boundQueues(std::size_t bytes) {
     m_limits = limit("max_incoming_bytes", bytes) + limit("max_outgoing_bytes", bytes);
 }

@@ -21,6 +21,10 @@ class PrivateBus {
 public:
     /// Fixes the address; nothing listens there before `start`.
     PrivateBus();
+    /// Ends the bus, frozen or not.
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
 
     const std::string& address() const { return m_address; }
     const std::string& socketPath() const { return m_socketPath; }
