@@ -8,7 +8,8 @@
 namespace platform {
 namespace {
 
-// Far longer than a bus takes that works at all, and short enough to be linked again soon after a flood.
+// Far longer than a bus or a service takes that works at all, and short enough to be linked again soon after
+// a flood.
 constexpr std::chrono::microseconds patience = std::chrono::seconds(3);
 
 constexpr const char* busName = "org.freedesktop.DBus";
@@ -16,11 +17,12 @@ constexpr const char* busPath = "/org/freedesktop/DBus";
 
 }  // namespace
 
-int askBus(sd_bus* bus, SlotHandle& question, const char* member, const char* argument,
-           sd_bus_message_handler_t answered, void* object) {
+int askService(sd_bus* bus, SlotHandle& question, const BusMethod& method, const char* argument,
+               sd_bus_message_handler_t answered, void* object) {
     MessageHandle call;
-    int result = sd_bus_message_new_method_call(bus, OutHandle(call), busName, busPath, busName, member);
-    if (result >= 0) {
+    int result = sd_bus_message_new_method_call(bus, OutHandle(call), method.service, method.path,
+                                                method.interface, method.member);
+    if (result >= 0 && argument != nullptr) {
         result = sd_bus_message_append(call.get(), "s", argument);
     }
     if (result >= 0) {
@@ -28,6 +30,11 @@ int askBus(sd_bus* bus, SlotHandle& question, const char* member, const char* ar
                                    static_cast<std::uint64_t>(patience.count()));
     }
     return result;
+}
+
+int askBus(sd_bus* bus, SlotHandle& question, const char* member, const char* argument,
+           sd_bus_message_handler_t answered, void* object) {
+    return askService(bus, question, {busName, busPath, busName, member}, argument, answered, object);
 }
 
 bool isUnanswered(sd_bus_message* message) {

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
+#include "platform/linux/bus/BusQuestion.h"
 #include "platform/linux/process/OutHandle.h"
 #include "platform/linux/screenlock/SessionProperties.h"
 
@@ -96,14 +97,17 @@ void LogindSessions::ownerChanged(const std::string& owner) {
 // An answer that is still to come comes from after whatever was told before it.
 void LogindSessions::list() {
     if (!m_list) {
-        sd_bus_call_method_async(m_bus, OutHandle(m_list), m_logind.c_str(), managerPath, managerInterface,
-                                 "ListSessions", &busCallback<&LogindSessions::listed, LogindSessions>, this,
-                                 "");
+        askService(m_bus, m_list, {m_logind.c_str(), managerPath, managerInterface, "ListSessions"}, nullptr,
+                   &busCallback<&LogindSessions::listed, LogindSessions>, this);
     }
 }
 
 void LogindSessions::listed(sd_bus_message* message) {
     m_list.reset();
+    if (isUnanswered(message)) {
+        list();
+        return;
+    }
     std::set<std::string> own;
     std::set<std::string> foreign;
     if (sd_bus_message_is_method_error(message, nullptr) == 0 &&
@@ -215,9 +219,8 @@ void LogindSessions::lookAgain(const std::string& session) {
     }
     m_questions.push_back({this, session, nullptr});
     Question& question = m_questions.back();
-    sd_bus_call_method_async(m_bus, OutHandle(question.slot), m_logind.c_str(), session.c_str(),
-                             propertiesInterface, "GetAll", &busCallback<&Question::answered, Question>,
-                             &question, "s", sessionInterface);
+    askService(m_bus, question.slot, {m_logind.c_str(), session.c_str(), propertiesInterface, "GetAll"},
+               sessionInterface, &busCallback<&Question::answered, Question>, &question);
 }
 
 void LogindSessions::Question::answered(sd_bus_message* message) {
@@ -227,6 +230,10 @@ void LogindSessions::Question::answered(sd_bus_message* message) {
 void LogindSessions::takeAnswer(const Question& question, sd_bus_message* message) {
     const std::string session = question.session;
     m_questions.remove_if([&question](const Question& other) { return &other == &question; });
+    if (isUnanswered(message)) {
+        lookAgain(session);
+        return;
+    }
     std::optional<SessionProperties> properties;
     if (sd_bus_message_is_method_error(message, nullptr) == 0) {
         properties = readSessionProperties(message);

@@ -94,6 +94,9 @@ int FakeLogind::called(sd_bus_message* call, sd_bus_error* /*error*/) {
     m_asker = sd_bus_message_get_sender(call);
     const bool asksForList = sd_bus_message_is_method_call(call, managerInterface, "ListSessions") > 0;
     ++(asksForList ? m_listsAsked : m_sessionsAsked);
+    if (std::exchange(m_swallows, false)) {
+        return 1;
+    }
     if (asksForList ? m_holdingLists : m_holding) {
         m_held.emplace_back(sd_bus_message_ref(call));
     } else {

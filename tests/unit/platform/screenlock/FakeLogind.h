@@ -55,6 +55,8 @@ public:
     /// The same for all but the list of sessions.
     void holdSessionAnswers() { m_holding = true; }
     void answerHeld();
+    /// The next question of all is never answered, as when the bus drops the answer.
+    void swallowQuestion() { m_swallows = true; }
     /// The next question for the list of sessions is refused, as one too many at a time is.
     void refuseList() { m_refusesList = true; }
     /// What is asked from here on of a session's properties is answered with this instead.
@@ -88,6 +90,7 @@ private:
     bool m_holding = false;
     bool m_holdingLists = false;
     bool m_refusesList = false;
+    bool m_swallows = false;
     int m_listsAsked = 0;
     int m_sessionsAsked = 0;
 };

@@ -484,6 +484,33 @@ TEST_F(ScreenLockSourceTest, FollowsItsSessionsAlsoWhenTheListWasRefusedAtFirst)
     EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
 
+TEST_F(ScreenLockSourceTest, AsksAgainForAListThatNeverCame) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    m_logind->swallowQuestion();
+    startSource();
+    ASSERT_TRUE(waitForQuestions(1));
+    EXPECT_EQ(m_logind->listsAsked(), 2);
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
+TEST_F(ScreenLockSourceTest, AsksAgainForASessionThatItWasToldNothingOf) {
+    startLogind();
+    m_logind->have("s1", ownSession());
+    startSource();
+    ASSERT_TRUE(runUntil([this] { return m_logind->listsAsked() == 1; }));
+    m_logind->swallowQuestion();
+    ASSERT_TRUE(waitForQuestions(1));
+    // What happens meanwhile is told when the answer comes.
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForReports(1));
+    EXPECT_EQ(m_logind->sessionsAsked(), 2);
+    m_logind->setHint("s1", false);
+    ASSERT_TRUE(waitForReports(2));
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
+}
+
 TEST_F(ScreenLockSourceTest, MakesNothingOfASessionThatIsNonsense) {
     startLogind();
     m_logind->have("s1", ownSession());
