@@ -101,11 +101,18 @@ TEST_F(LinkIntruder, NoneOfTheAgentsConnectionsTakesCallsFromStrangers) {
     const std::vector<std::string> names = caller.namesOf(agent->pid());
     EXPECT_GE(names.size(), 2U);
     for (const std::string& name : names) {
-        EXPECT_FALSE(caller.call({name, agentPath, agentInterface}, "connected", "b", 1).ok());
-        EXPECT_FALSE(caller.call({name, "/", "com.brovik.XpcDaemonProtocol"}, "connect", "").ok());
-        EXPECT_FALSE(
-            caller.call({name, "/org/freedesktop/login1", "org.freedesktop.login1.Manager"}, "Lock", "")
-                .ok());
+        SCOPED_TRACE(name);
+        EXPECT_EQ(caller.call({name, agentPath, agentInterface}, "connected", "b", 1).error, accessDenied);
+        EXPECT_EQ(caller.call({name, "/", "com.brovik.XpcDaemonProtocol"}, "connect", "").error,
+                  accessDenied);
+        EXPECT_EQ(caller.call({name, "/org/freedesktop/login1", "org.freedesktop.login1.Manager"}, "Lock", "")
+                      .error,
+                  accessDenied);
+        EXPECT_EQ(caller.call({name, "/", "org.freedesktop.DBus.Peer"}, "Ping", "").error, accessDenied);
+        EXPECT_EQ(caller.call({name, "/", "org.freedesktop.DBus.Peer"}, "GetMachineId", "").error,
+                  accessDenied);
+        EXPECT_EQ(caller.call({name, "/", "org.freedesktop.DBus.Introspectable"}, "Introspect", "").error,
+                  accessDenied);
     }
     EXPECT_EQ(linesBeforeTheDaemons(mark), Messages{});
 }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
+#include "platform/linux/bus/Refusal.h"
 #include "platform/linux/process/OutHandle.h"
 
 namespace platform {
@@ -49,6 +50,10 @@ int BusConnection::prepare() {
     sd_bus* const bus = m_bus.get();
     int error = sd_bus_attach_event(bus, m_loop, SD_EVENT_PRIORITY_NORMAL);
     if (error >= 0) {
+        error = sd_bus_add_filter(bus, OutHandle(m_filter),
+                                  &busCallback<&BusConnection::filter, BusConnection>, this);
+    }
+    if (error >= 0) {
         // The library posts this one itself, so nobody on the bus can forge it.
         error = sd_bus_match_signal_async(
             bus, OutHandle(m_disconnected), nullptr, "/org/freedesktop/DBus/Local",
@@ -65,9 +70,16 @@ int BusConnection::prepare() {
 }
 
 void BusConnection::release() {
+    m_filter.reset();
     m_disconnected.reset();
     m_answered.reset();
     m_bus.reset();
+}
+
+/// Sees each message before the library, which would answer some calls by itself: nothing is offered here.
+int BusConnection::filter(sd_bus_message* message, sd_bus_error* error) {
+    const bool isCall = sd_bus_message_is_method_call(message, nullptr, nullptr) > 0;
+    return isCall ? refuseCall(m_bus.get(), error, "The agent is not to be called here") : 0;
 }
 
 void BusConnection::disconnected(sd_bus_message* /*message*/) {

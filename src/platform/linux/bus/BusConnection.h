@@ -9,7 +9,7 @@
 namespace platform {
 
 /// A connection to a message bus that an sd-event loop serves and that is opened again whenever it is lost.
-/// Never blocks on the bus. Everything on the loop's thread.
+/// Never blocks on the bus, and refuses whoever calls. Everything on the loop's thread.
 class BusConnection {
 public:
     /// openSystemBus or openUserBus.
@@ -39,6 +39,7 @@ private:
     int tryOpen();
     int prepare();
     void release();
+    int filter(sd_bus_message* message, sd_bus_error* error);
     void disconnected(sd_bus_message* message);
     void answered(sd_bus_message* message);
 
@@ -48,6 +49,7 @@ private:
     Handlers m_handlers;
     OneShotTimer m_timer;
     BusHandle m_bus;
+    SlotHandle m_filter;
     SlotHandle m_disconnected;
     SlotHandle m_answered;
 };

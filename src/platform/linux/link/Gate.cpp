@@ -1,10 +1,10 @@
 #include "platform/linux/link/Gate.h"
 
-#include <cstdint>
 #include <string_view>
 #include <utility>
 
 #include "platform/linux/bus/BusCallback.h"
+#include "platform/linux/bus/Refusal.h"
 #include "platform/linux/link/AgentCalls.h"
 #include "platform/linux/link/WireNames.h"
 #include "platform/linux/process/OutHandle.h"
@@ -16,9 +16,6 @@ namespace {
 // messages.
 constexpr std::size_t heldCallsLimit = 128;
 constexpr std::size_t heldBytesLimit = std::size_t{64} * 1024 * 1024;
-
-// A stranger who is refused faster than the bus takes the refusals gets no more of them.
-constexpr std::uint64_t unwrittenRefusalsLimit = 1024;
 
 bool isText(const char* text, std::string_view expected) {
     return text != nullptr && text == expected;
@@ -90,11 +87,7 @@ int Gate::fromStranger(sd_bus_message* call, sd_bus_error* error) {
 }
 
 int Gate::deny(sd_bus_error* error) const {
-    std::uint64_t unwritten = 0;
-    if (sd_bus_get_n_queued_write(m_bus, &unwritten) >= 0 && unwritten > unwrittenRefusalsLimit) {
-        return 1;
-    }
-    return sd_bus_error_set(error, SD_BUS_ERROR_ACCESS_DENIED, "Only the daemon may call the agent");
+    return refuseCall(m_bus, error, "Only the daemon may call the agent");
 }
 
 /// Whether the library would hand `call` to `called`.
