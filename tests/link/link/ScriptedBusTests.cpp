@@ -150,6 +150,19 @@ TEST_F(ConnectionOnAScriptedBus, ALateAnswerAboutAFormerOwnersUserOpensNoWayToNo
     EXPECT_EQ(bus.count("connect"), 0U);
 }
 
+TEST_F(ConnectionOnAScriptedBus, CallsThatWaitForTheirSendersUserOutlastTheFirstMessage) {
+    bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
+    const std::size_t question = bus.awaitQuestion(askUser(":1.5"));
+    bus.call(":1.5", "connected", "b", 1);
+    daemon()->connect();
+    bus.call(":1.9", "connected", "b", 1);
+    ASSERT_TRUE(awaitReplies(1)) << "all that came before has been seen";
+    EXPECT_EQ(bus.replies(), std::vector<std::string>{accessDenied});
+    bus.answer(question, "u", 0U);
+    ASSERT_TRUE(await([&] { return agent->calls().size() == 1; }));
+    bus.awaitQuestion("connect");
+}
+
 TEST_F(ConnectionOnAScriptedBus, CallsThatWaitedForTheirSendersUserWaitForTheFirstMessageToo) {
     bus.answer(bus.awaitQuestion(askOwner), "s", ":1.5");
     const std::size_t question = bus.awaitQuestion(askUser(":1.5"));

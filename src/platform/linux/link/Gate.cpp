@@ -136,15 +136,16 @@ int Gate::accept(sd_bus_message* call, sd_bus_error* error) {
 }
 
 void Gate::decideHeld() {
-    if (m_owner.trust() == DaemonOwner::Trust::Trusted && !m_listening) {
+    const DaemonOwner::Trust trust = m_owner.trust();
+    if (trust == DaemonOwner::Trust::Asking || (trust == DaemonOwner::Trust::Trusted && !m_listening)) {
         return;
     }
     m_heldBytes = 0;
     for (const HeldCall& held : std::exchange(m_held, {})) {
         sd_bus_error error{};
         sd_bus_message* const call = held.message.get();
-        const bool trusted = m_owner.sent(call) && m_owner.trust() == DaemonOwner::Trust::Trusted;
-        if ((trusted ? accept(call, &error) : deny(&error)) < 0) {
+        const bool isHeard = trust == DaemonOwner::Trust::Trusted && m_owner.sent(call);
+        if ((isHeard ? accept(call, &error) : deny(&error)) < 0) {
             sd_bus_reply_method_error(call, &error);
         }
         sd_bus_error_free(&error);
