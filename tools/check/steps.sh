@@ -18,6 +18,7 @@ plain_steps() {
 
 # What continuous integration adds.
 deep_steps() {
+    beside broker       "the link tests on dbus-broker" broker_tests
     step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
     step run            "the demonstration" ./run
     step macos-first    "the script for the first run on a Mac, over the doubles" tests/macos/run/first-run.sh build/macos-run
@@ -63,6 +64,15 @@ build() { cmake --preset "$1" "${@:2}" && cmake --build --preset "$1" -j "$jobs"
 
 # Most tests wait for something most of the time.
 run_tests() { ctest --preset "$1" -j $((4 * jobs)) "${@:2}"; }
+
+# A minute, most of it waiting.
+broker_tests() {
+    if ! command -v dbus-broker-launch >/dev/null; then
+        echo "dbus-broker is not installed"
+        return "$skipped_status"
+    fi
+    run_tests debug -L broker
+}
 
 # Versions lay code out differently, so another one proves nothing.
 format_check() {
