@@ -4,12 +4,17 @@
 #   step NAME DESCRIPTION COMMAND...      runs it and prints one line; its status is the command's
 #   beside NAME DESCRIPTION COMMAND...    starts it and goes on: for steps that wait more than they compute. Its line
 #                                         is printed when it is found to have ended, at the latest before the verdict
-#   await NAME...                         waits for steps that were started beside
+#   queue NAME DESCRIPTION COMMAND...     the same, but it starts when what was queued before it has ended: for steps
+#                                         that compute, so that the processors have work while those in front wait
+#   await NAME...                         waits for steps that were started so; its status is that of the last of them
 #   skip NAME REASON                      says that a step is left out, and why
 #
 # A command that cannot prove anything on this machine exits with 77, and the last line that it printed is the reason;
 # its step then counts as skipped. Tests are counted from what their runners print: ctest's closing lines, or a line
 # "N passed, N failed" with or without ", N skipped".
+#
+# Each line tells how long the step took, and the processor time that it used: on a busy machine, and for steps that
+# run at once, only the latter says what a step costs.
 
 readonly skipped_status=77
 jobs=$(nproc)
@@ -18,7 +23,9 @@ only=()
 list_only=no
 passed=0 failed=0 skipped=0
 failures=()
-declare -A running_beside began_at described
+started_beside=()
+declare -A running_beside=() described=() status_of=()
+last_queued=
 began=$SECONDS
 
 mkdir -p "$logs"
@@ -39,11 +46,24 @@ print_skipped_tests() {
         /: Skipped$/ {getline; print "             " $0}' "$1"
 }
 
+print_progress() { [[ -t 1 ]] && printf '....                   %-14s %s' "$1" "${described[$1]}"; return 0; }
 clear_progress() { [[ -t 1 ]] && printf '\r\033[K'; return 0; }
 
-# report NAME STATUS SECONDS: the line of a step that has ended, and what it counts.
+# run_logged NAME COMMAND...: runs it with its output in the step's log, and prints the processor time that it and
+# what it waited for have used, in seconds.
+run_logged() {
+    local log=$logs/$1.log used status
+    shift
+    # The inner shell's standard error, where `time` writes, is none of the command's.
+    used=$(TIMEFORMAT='%U %S'; { time { ("$@") >"$log" 2>&1 </dev/null; }; } 2>&1)
+    status=$?
+    awk '{printf "%.0f", $1 + $2}' <<<"$used"
+    return "$status"
+}
+
+# report NAME STATUS SECONDS PROCESSOR_SECONDS: the line of a step that has ended, and what it counts.
 report() {
-    local name=$1 status=$2 seconds=$3 log=$logs/$1.log counts detail='' verdict good bad left_out
+    local name=$1 status=$2 seconds=$3 used=$4 log=$logs/$1.log counts detail='' verdict good bad left_out
     counts=$(count_tests "$log")
     if [[ -n $counts ]]; then
         read -r good bad left_out <<<"$counts"
@@ -58,8 +78,9 @@ report() {
         "$skipped_status") verdict=skip skipped=$((skipped + 1)) detail=": $(tail -n 1 "$log")" ;;
         *) verdict=FAILED failed=$((failed + 1)) failures+=("$name") ;;
     esac
+    status_of[$name]=$status
     clear_progress
-    printf '%-6s %4d s  %-14s %s%s\n' "$verdict" "$seconds" "$name" "${described[$name]}" "$detail"
+    printf '%-6s %4d s %4d cpu  %-14s %s%s\n' "$verdict" "$seconds" "$used" "$name" "${described[$name]}" "$detail"
     print_skipped_tests "$log"
     if [[ $verdict == FAILED ]]; then
         tail -n 60 "$log" | sed 's/^/    | /'
@@ -82,74 +103,109 @@ wanted() {
 }
 
 step() {
-    local name=$1 start=$SECONDS status
+    local name=$1 start=$SECONDS status used
     described[$name]=$2
     wanted "$name" "$2" || return 0
     shift 2
     report_ended
-    [[ -t 1 ]] && printf '....          %-14s %s' "$name" "${described[$name]}"
-    ("$@") >"$logs/$name.log" 2>&1 </dev/null
+    print_progress "$name"
+    used=$(run_logged "$name" "$@")
     status=$?
-    report "$name" "$status" $((SECONDS - start))
-    return "$status"
+    report "$name" "$status" $((SECONDS - start)) "$used"
+    return "${status_of[$name]}"
 }
 
 # A step that the others need: without it there is nothing to prove.
 setup_step() { step "$@" || finish; }
 
-beside() {
-    local name=$1
-    described[$name]=$2
-    wanted "$name" "$2" || return 0
-    shift 2
-    rm -f "$logs/$name.status"
-    # Quietly below the steps in front, which are measured and capped by time.
-    (
-        nice -n 5 "$BASH" -c 'source tools/check/driver.sh; source tools/check/steps.sh; "$@"' check "$@" \
-            >"$logs/$name.log" 2>&1 </dev/null
-        echo "$? $SECONDS" >"$logs/$name.status.new"
-        mv "$logs/$name.status.new" "$logs/$name.status"
-    ) &
-    running_beside[$name]=$! began_at[$name]=$SECONDS
+beside() { start_beside '' "$@"; }
+
+queue() {
+    start_beside "$last_queued" "$@"
+    last_queued=${running_beside[$1]:-$last_queued}
 }
+
+# start_beside PROCESS NAME DESCRIPTION COMMAND...: with a process, the command runs once that one has ended.
+start_beside() {
+    local before=$1 name=$2
+    described[$name]=$3
+    wanted "$name" "$3" || return 0
+    shift 3
+    rm -f "$logs/$name.status"
+    # With a process group of its own, so that all of it can be ended.
+    set -m
+    (
+        set +m
+        # The steps in front are measured and capped by time, so these stay below them.
+        renice -n 10 "$BASHPID" >/dev/null 2>&1
+        while [[ -n $before ]] && kill -0 "$before" 2>/dev/null; do
+            sleep 0.2
+        done
+        start=$SECONDS
+        used=$(run_logged "$name" "$@")
+        echo "$? $((SECONDS - start)) $used" >"$logs/$name.status.new"
+        mv "$logs/$name.status.new" "$logs/$name.status"
+    ) </dev/null &
+    running_beside[$name]=$!
+    started_beside+=("$name")
+    set +m
+}
+
+# Ctrl-C and a step that nothing can be proven without leave nobody behind.
+end_beside() {
+    local group
+    for group in "${running_beside[@]}"; do
+        kill -- "-$group" 2>/dev/null
+    done
+}
+trap end_beside EXIT
+trap 'exit 130' INT TERM
 
 # The lines of those steps started beside that have ended meanwhile.
 report_ended() {
-    local name status ended
-    for name in "${!running_beside[@]}"; do
-        [[ -f $logs/$name.status ]] || continue
-        read -r status ended <"$logs/$name.status"
+    local name status seconds used
+    for name in "${started_beside[@]}"; do
+        [[ -n ${running_beside[$name]-} && -f $logs/$name.status ]] || continue
+        read -r status seconds used <"$logs/$name.status"
         unset "running_beside[$name]"
-        report "$name" "$status" $((ended - began_at[$name]))
+        report "$name" "$status" "$seconds" "$used"
     done
 }
 
 await() {
     local name
     for name in "$@"; do
-        [[ -n ${running_beside[$name]-} ]] || continue
-        [[ -t 1 ]] && printf '....          %-14s %s' "$name" "${described[$name]}"
-        wait "${running_beside[$name]}"
-        report_ended
+        if [[ -n ${running_beside[$name]-} ]]; then
+            print_progress "$name"
+            wait "${running_beside[$name]}"
+            # Killed, it has not left word.
+            [[ -f $logs/$name.status ]] || echo "137 0 0" >"$logs/$name.status"
+            report_ended
+        fi
     done
+    # Of a step that is not wanted nothing is known, and nothing expected.
+    return "${status_of[$name]:-0}"
 }
 
 skip() {
     wanted "$1" "$2" || return 0
-    printf '%-14s %-14s %s\n' skip "$1" "$2"
+    printf '%-22s %-14s %s\n' skip "$1" "$2"
     skipped=$((skipped + 1))
 }
 
 # The verdict, and the end.
 finish() {
     [[ $list_only == yes ]] && exit 0
-    await "${!running_beside[@]}"
+    ((${#started_beside[@]} == 0)) || await "${started_beside[@]}"
     ((${#failures[@]})) && printf '\nFailed: %s\n' "${failures[*]}"
     if ((passed + failed + skipped == 0)); then
         echo "check: there is no step of that name; see ./check --list" >&2
         exit 2
     fi
-    printf '\nTests and steps in %d min %02d s:\n' $(((SECONDS - began) / 60)) $(((SECONDS - began) % 60))
+    # To a file, for a pipe would ask another shell.
+    times >"$logs/times"
+    printf '\nTests and steps in %d min %02d s, with %d min of processor time:\n' $(((SECONDS - began) / 60)) \
+        $(((SECONDS - began) % 60)) "$(awk 'NR == 2 {print $1 + $2}' "$logs/times")"
     printf '%d passed, %d failed, %d skipped\n' "$passed" "$failed" "$skipped"
     ((failed == 0))
     exit

@@ -2,49 +2,61 @@
 # The steps of ./check, in the order in which they run: one line a step, which tools/check/driver.sh explains.
 # What takes more than a command stands below the lists, or better in a script beside what it checks.
 
-# Proves the program with one compiler. Together about 3 minutes on 2 cores, from a clean clone.
+# Proves the program with one compiler. What computes is queued, and what waits runs in front of it meanwhile.
 plain_steps() {
-    step format         "clang-format leaves every file as it is" format_check
+    beside format       "clang-format leaves every file as it is" format_check
+    beside driver       "what this script says of its steps" tools/check/driver_test.sh
     step build          "builds with g++, warnings are errors" build debug || return
-    step test           "unit and link tests" run_tests debug -L 'unit|link'
-    step macos          "macOS sources compile; metadata equals the protocol table" tests/macos/check.sh build/macos
-    step macos-run      "the macOS agent runs, over doubles of the frameworks, as on Linux" \
+    queue macos         "macOS sources compile; metadata equals the protocol table" tests/macos/check.sh build/macos
+    queue macos-run     "the macOS agent runs, over doubles of the frameworks, as on Linux" \
         tests/macos/run/check.sh build/macos-run build/debug
+    step test           "unit and link tests" run_tests debug -L 'unit|link'
     step examples       "the examples run" examples/check.sh build/debug
     step daemons        "each example daemon with the real agent" examples/daemon/check.sh build/debug
     step docs           "tables, pictures and the house are as the sources say" tools/make-docs --check build/debug
     step consumer       "another project builds against the installed libraries" tests/consumer/check.sh build/debug
 }
 
-# What continuous integration adds.
+# What continuous integration adds. The order of the queue is that in which the steps in front need it.
 deep_steps() {
-    beside broker       "the link tests on dbus-broker" broker_tests
+    queue build-clang   "builds with clang++, warnings are errors" build clang
+    queue build-asan    "builds with the address and undefined-behaviour sanitizers" build asan
+    queue build-tsan    "builds with the thread sanitizer" build tsan
+    queue build-release "builds as shipped" build release
+    queue build-fuzz    "builds the fuzzers" build fuzz --target fuzzers
+    queue tidy          "clang-tidy on every source" tools/check/tidy.py build/clang
+    queue reference     "Doxygen makes the reference without a warning" tools/make-reference build/reference
+    beside soak         "two minutes of random events, stops and restarts" tests/soak/run build/debug 120
     step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
     step run            "the demonstration" ./run
-    step macos-first    "the script for the first run on a Mac, over the doubles" tests/macos/run/first-run.sh build/macos-run
     step model          "a model of the link: never wedged, and each promise is needed" docs/model/run
-    step mutants-sample "20 seeded mistakes, and a test that notices each" tests/mutants/run --sample 20 --jobs "$jobs"
-    step soak           "two minutes of random events, stops and restarts" tests/soak/run build/debug 120
+    step broker         "the link tests on dbus-broker" broker_tests
     step faults         "the agent under faults and floods" run_tests debug -L fault
     step syscalls       "system calls of the agent fail, one in each run" tests/faults/run build/debug
-    step build-clang    "builds with clang++, warnings are errors" build clang &&
+    await macos-run &&
+        step macos-first "the script for the first run on a Mac, over the doubles" tests/macos/run/first-run.sh build/macos-run
+    await build-clang &&
         step test-clang "unit tests" run_tests clang -L unit
-    step tidy           "clang-tidy on every source" tools/check/tidy.py build/clang
-    step build-asan     "builds with the address and undefined-behaviour sanitizers" build asan &&
+    step mutants-sample "20 seeded mistakes, and a test that notices each" tests/mutants/run --sample 20 --jobs "$jobs"
+    await build-asan &&
         step test-asan  "unit and link tests under them" run_tests asan -L 'unit|link'
-    step build-tsan     "builds with the thread sanitizer" build tsan &&
+    await build-tsan &&
         step test-tsan  "unit and link tests under it" run_tests tsan -L 'unit|link'
-    step reference      "Doxygen makes the reference without a warning" tools/make-reference build/reference
-    step fuzz           "each fuzzer for 20 s" tests/fuzz/run
-    step build-release  "builds as shipped" build release &&
+    await build-release &&
         step instructions "a log line, a timer, a message, an event: no more instructions" bench/instructions
     step bench          "each benchmark once" bench/run --quick
+    await build-fuzz &&
+        step fuzz       "each fuzzer for 20 s" tests/fuzz/run
+}
+
+# New systems take longest, and wait for the network for a good part.
+fresh_step() {
+    [[ $no_system == yes ]] || beside fresh \
+                        "./run in new Debian 12 and 13, as root and as a user" tests/roots/fresh.sh
 }
 
 # The packages, and what they do in real systems.
 system_steps() {
-    [[ $no_system == yes ]] || beside fresh \
-                        "./run in new Debian 12 and 13, as root and as a user" tests/roots/fresh.sh
     step packages       "packages: contents, lintian, hardening, same bytes twice" \
         packaging/linux/check-packages.sh build/packages || return
     if [[ $no_system == yes ]]; then
@@ -60,7 +72,8 @@ desktop_steps() {
     step desktops       "real screen lockers: one lock, one unlock each" tests/system/desktops.sh build/packages
 }
 
-build() { cmake --preset "$1" "${@:2}" && cmake --build --preset "$1" -j "$jobs"; }
+# build PRESET [OPTION...]: the options are those of cmake --build.
+build() { cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs" "${@:2}"; }
 
 # Most tests wait for something most of the time.
 run_tests() { ctest --preset "$1" -j $((4 * jobs)) "${@:2}"; }
