@@ -1,18 +1,52 @@
 #include "platform/Process.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "unit/platform/process/ChildProcess.h"
 
 namespace {
+
+/// How many heaps the C library's allocator has made so far.
+std::size_t heaps() {
+    char* text = nullptr;
+    std::size_t size = 0;
+    std::FILE* const stream = open_memstream(&text, &size);
+    malloc_info(0, stream);
+    std::fclose(stream);
+    const std::string report(text, size);
+    std::free(text);
+    std::size_t count = 0;
+    for (auto place = report.find("<heap "); place != std::string::npos;
+         place = report.find("<heap ", place + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+/// Has as many threads allocate at once.
+void allocateInThreads(int count) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([] { std::make_unique<std::string>(1000, 'x'); });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
 
 TEST(Process, AClosedOutputCostsTheLinesAndNotTheProcess) {
     const auto body = [] {
@@ -51,6 +85,15 @@ TEST(Process, LocalTimeFollowsTheMachineAndNotTheEnvironment) {
         return local.tm_gmtoff != offsetOfNoRealZone ? 0 : 1;
     };
     EXPECT_TRUE(runInChild(body).returned(0));
+}
+
+TEST(Process, ItsThreadsShareOneHeap) {
+    const auto body = [] {
+        platform::prepareProcess();
+        allocateInThreads(4);
+        return static_cast<int>(heaps());
+    };
+    EXPECT_TRUE(runInChild(body).returned(1));
 }
 
 }  // namespace
