@@ -46,10 +46,13 @@ else()
         $<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE> $<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
 endif()
 
-# What is shipped has the same bytes wherever it was built. (The last map that fits counts.)
-target_compile_options(velm_flags INTERFACE
+# What is shipped has the same bytes wherever it was built. (The last map that fits counts.) Linking compiles too, where
+# the whole program is optimised.
+set(velm_maps
     "$<$<CONFIG:Release,RelWithDebInfo>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>"
     "$<$<CONFIG:Release,RelWithDebInfo>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=build>")
+target_compile_options(velm_flags INTERFACE ${velm_maps})
+target_link_options(velm_flags INTERFACE ${velm_maps})
 
 if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     include(CheckPIESupported)
@@ -61,4 +64,18 @@ if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     target_compile_options(velm_flags INTERFACE
         "$<$<CONFIG:Release,RelWithDebInfo>:-ffunction-sections;-fdata-sections>")
     target_link_options(velm_flags INTERFACE $<$<CONFIG:Release,RelWithDebInfo>:-Wl,--gc-sections>)
+
+    # Relocations in a thirtieth of the bytes. glibc understands them since 2.36; before, the program would link, and not
+    # start.
+    include(CheckCXXSourceCompiles)
+    set(CMAKE_REQUIRED_LINK_OPTIONS -Wl,-z,pack-relative-relocs -Wl,--fatal-warnings)
+    check_cxx_source_compiles("
+        #include <features.h>
+        #if !__GLIBC_PREREQ(2, 36)
+        #error
+        #endif
+        int main() {}" VELM_PACKED_RELOCATIONS)
+    unset(CMAKE_REQUIRED_LINK_OPTIONS)
+    target_link_options(velm_flags INTERFACE
+        $<$<AND:$<BOOL:${VELM_PACKED_RELOCATIONS}>,$<CONFIG:Release,RelWithDebInfo>>:-Wl,-z,pack-relative-relocs>)
 endif()

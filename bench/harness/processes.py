@@ -165,6 +165,22 @@ def switches_of(pid):
     return total
 
 
+def at_rest(process, seconds):
+    """What a process weighs that has had the time to come to rest, and how often it wakes up in `seconds` more."""
+    time.sleep(3)
+    before = switches_of(process.pid)
+    time.sleep(seconds)
+    return {**memory_of(process.pid), "wake-ups": switches_of(process.pid) - before}
+
+
+def idle_agent(stage, seconds, agent):
+    """The same of an agent that is linked."""
+    with stage.world("serve") as world, stage.start(agent) as process:
+        if world.stdout.readline().strip() != "connect":
+            raise RuntimeError("the agent does not connect")
+        return at_rest(process, seconds)
+
+
 def life(stage, seconds):
     """What an agent used from its start to its end after `seconds`, threads that have ended included."""
     with stage.start(stage.agent) as agent:

@@ -10,7 +10,7 @@ import tempfile
 import time
 
 from .contest import NotHere, Row
-from .processes import Stage, await_that, life, memory_of, run_once, switches_of
+from .processes import Stage, at_rest, await_that, idle_agent, life, run_once
 
 LINE = "2026/11/16 05:28:20:007 [TRACE] Monitor launcher: screen lock status 1\n"
 FULL_LOG = LINE * (6_000_000 // len(LINE) + 1)
@@ -149,21 +149,9 @@ class Bench:
     def idle(self):
         seconds = self.size(10, 2)
 
-        def agent(stage):
-            with stage.world("serve") as world, stage.start(stage.agent) as process:
-                if world.stdout.readline().strip() != "connect":
-                    raise RuntimeError("the agent does not connect")
-                return at_rest(process)
-
         def listener(stage):
             with stage.world("serve"), stage.start(stage.program("forwarder_sdbus"), "2") as process:
-                return at_rest(process)
-
-        def at_rest(process):
-            time.sleep(3)
-            before = switches_of(process.pid)
-            time.sleep(seconds)
-            return {**memory_of(process.pid), "wake-ups": switches_of(process.pid) - before}
+                return at_rest(process, seconds)
 
         def staged(measure):
             def once():
@@ -172,7 +160,8 @@ class Bench:
             return once
 
         return Row("idle", f"linked and idle: memory, and wake-ups in {seconds} s", "kB PSS", "pss", {
-            "velm": staged(agent), "sd-bus listener, 2 threads": staged(listener),
+            "velm": staged(lambda stage: idle_agent(stage, seconds, stage.agent)),
+            "sd-bus listener, 2 threads": staged(listener),
         }, floors=("sd-bus listener, 2 threads",), extra=("uss", "anonymous", "wake-ups"), rounds=5)
 
     def start(self):
