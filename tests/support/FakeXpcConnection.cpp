@@ -21,9 +21,9 @@ std::string yesOrNo(bool flag) {
 
 // Only the messages that the agent may send have an answer here; the others would be noted as well, and then
 // fail the comparison with what a test expects.
-class FakeDaemon final : public XpcDaemonProtocol {
+class TracedDaemon final : public XpcDaemonProtocol {
 public:
-    explicit FakeDaemon(std::string name) : m_name(std::move(name)) {}
+    explicit TracedDaemon(std::string name) : m_name(std::move(name)) {}
 
     void connect() noexcept override { note("connect"); }
     void pingWithReply(XpcBoolReply reply) noexcept override {
@@ -129,7 +129,7 @@ void FakeXpcConnection::resume() {
 
 std::shared_ptr<XpcDaemonProtocol> FakeXpcConnection::remoteObjectProxy() {
     note("proxy taken");
-    return std::make_shared<FakeDaemon>(m_name);
+    return std::make_shared<TracedDaemon>(m_name);
 }
 
 std::shared_ptr<XpcAgentProtocol> FakeXpcConnection::exportedObject() const {

@@ -142,7 +142,7 @@ TEST_F(ConcurrentLogTest, ADestinationThatThrowsNeverKeepsTheLock) {
 }
 
 // Keeps its caller, and with it the logger's mutex, until it is told to let go.
-class Gate : public Destination {
+class GatedDestination : public Destination {
 public:
     void write(const std::string& /*line*/) override {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -171,7 +171,7 @@ private:
 // the release.
 bool stampIsOlderThanTheWait(std::chrono::milliseconds pause) {
     Logger::destroyInstance();
-    const auto gate = std::make_shared<Gate>();
+    const auto gate = std::make_shared<GatedDestination>();
     const auto recorder = std::make_shared<logtest::RecordingDestination>();
     Logger::instance().addDestination(gate);
     Logger::instance().addDestination(recorder);

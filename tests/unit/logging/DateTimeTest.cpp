@@ -22,16 +22,16 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
 // The time zone of this process alone.
-class TimeZone {
+class ChosenTimeZone {
 public:
-    explicit TimeZone(const char* zone) {
+    explicit ChosenTimeZone(const char* zone) {
         if (const char* previous = std::getenv("TZ")) {
             m_previous = previous;
         }
         setenv("TZ", zone, 1);
         tzset();
     }
-    ~TimeZone() {
+    ~ChosenTimeZone() {
         if (m_previous) {
             setenv("TZ", m_previous->c_str(), 1);
         } else {
@@ -39,10 +39,10 @@ public:
         }
         tzset();
     }
-    TimeZone(const TimeZone&) = delete;
-    TimeZone& operator=(const TimeZone&) = delete;
-    TimeZone(TimeZone&&) = delete;
-    TimeZone& operator=(TimeZone&&) = delete;
+    ChosenTimeZone(const ChosenTimeZone&) = delete;
+    ChosenTimeZone& operator=(const ChosenTimeZone&) = delete;
+    ChosenTimeZone(ChosenTimeZone&&) = delete;
+    ChosenTimeZone& operator=(ChosenTimeZone&&) = delete;
 
 private:
     std::optional<std::string> m_previous;
@@ -52,12 +52,12 @@ private:
 const auto someSecond = std::chrono::system_clock::from_time_t(1794806900);
 
 TEST(DateTime, HasAColonBeforeTheMilliseconds) {
-    const TimeZone zone("UTC0");
+    const ChosenTimeZone zone("UTC0");
     EXPECT_EQ(Logging::formatDateTime(someSecond + milliseconds(123)), "2026/11/16 05:28:20:123");
 }
 
 TEST(DateTime, PadsTheMillisecondsWithZeros) {
-    const TimeZone zone("UTC0");
+    const ChosenTimeZone zone("UTC0");
     EXPECT_EQ(Logging::formatDateTime(someSecond), "2026/11/16 05:28:20:000");
     EXPECT_EQ(Logging::formatDateTime(someSecond + milliseconds(5)), "2026/11/16 05:28:20:005");
     EXPECT_EQ(Logging::formatDateTime(someSecond + milliseconds(50)), "2026/11/16 05:28:20:050");
@@ -65,23 +65,23 @@ TEST(DateTime, PadsTheMillisecondsWithZeros) {
 }
 
 TEST(DateTime, TruncatesToMilliseconds) {
-    const TimeZone zone("UTC0");
+    const ChosenTimeZone zone("UTC0");
     EXPECT_EQ(Logging::formatDateTime(someSecond + microseconds(7999)), "2026/11/16 05:28:20:007");
     EXPECT_EQ(Logging::formatDateTime(someSecond + microseconds(999999)), "2026/11/16 05:28:20:999");
 }
 
 TEST(DateTime, PadsEveryOtherFieldToo) {
-    const TimeZone zone("UTC0");
+    const ChosenTimeZone zone("UTC0");
     EXPECT_EQ(Logging::formatDateTime(std::chrono::system_clock::from_time_t(0)), "1970/01/01 00:00:00:000");
 }
 
 TEST(DateTime, IsLocalTime) {
-    const TimeZone zone("ABC-2");
+    const ChosenTimeZone zone("ABC-2");
     EXPECT_EQ(Logging::formatDateTime(someSecond), "2026/11/16 07:28:20:000");
 }
 
 TEST(DateTime, UsesTwentyFourHours) {
-    const TimeZone zone("ABC-12");
+    const ChosenTimeZone zone("ABC-12");
     EXPECT_EQ(Logging::formatDateTime(someSecond), "2026/11/16 17:28:20:000");
 }
 
@@ -99,7 +99,7 @@ protected:
 };
 
 TEST(DateTime, RendersTheTimeOfDayAsTheStreamsLocaleDoes) {
-    const TimeZone zone("UTC0");
+    const ChosenTimeZone zone("UTC0");
     const std::locale previous = std::locale::global(std::locale(std::locale::classic(), new HoursWithADot));
     const std::string text = Logging::formatDateTime(someSecond);
     std::locale::global(previous);
@@ -107,7 +107,7 @@ TEST(DateTime, RendersTheTimeOfDayAsTheStreamsLocaleDoes) {
 }
 
 TEST(DateTime, IsEachThreadsOwn) {
-    const TimeZone zone("UTC0");
+    const ChosenTimeZone zone("UTC0");
     constexpr int rounds = 2000;
     std::atomic<int> mixed{0};
     std::vector<std::thread> threads;

@@ -54,7 +54,7 @@ void post(CFNotificationName name) {
 }
 
 /// A point that one thread waits at until another opens it.
-class Gate {
+class Checkpoint {
 public:
     void open() { m_opened.set_value(); }
     bool wait() const { return m_open.wait_for(seconds(20)) == std::future_status::ready; }
@@ -282,8 +282,8 @@ private:
         m_over = true;
     }
 
-    Gate m_entered;
-    Gate m_leave;
+    Checkpoint m_entered;
+    Checkpoint m_leave;
     std::atomic<bool> m_over{false};
     Observer m_observer;
     std::thread m_poster;
