@@ -9,7 +9,7 @@
 #include "RawMessage.h"
 #include "platform/linux/link/AgentCalls.h"
 #include "platform/linux/link/ProtocolVTable.h"
-#include "unit/sim/RecordingAgent.h"
+#include "support/RecordingAgent.h"
 
 // What comes in as a call of the agent: from bytes that nobody put in order, where reading must come to an
 // end in one piece, and from arguments that were put in order, where the agent must be called with just
@@ -33,9 +33,9 @@ void readAsEachMethod(sd_bus_message* message) {
                 call(agent);
             }
         }
-        must(agent.calls.empty() || (agent.calls.size() == 2 && agent.calls[0] == agent.calls[1]),
-             "a message is one call, or none");
-        must(agent.calls.empty() || agent.calls[0].rfind(std::string(method.member()) + ":", 0) == 0,
+        const std::vector<std::string> calls = agent.calls();
+        must(calls.empty() || (calls.size() == 2 && calls[0] == calls[1]), "a message is one call, or none");
+        must(calls.empty() || calls[0].rfind(std::string(method.member()) + ":", 0) == 0,
              "a message is a call of the method that it names");
     }
 }
@@ -112,7 +112,7 @@ void readWhatWasMade(FuzzedDataProvider& input) {
         const platform::AgentCall call = platform::decodeAgentCall(method, raw);
         must(static_cast<bool>(call), "arguments that are in order are read");
         call(agent);
-        must(agent.calls == std::vector<std::string>{arguments.expected}, "the agent gets what was sent");
+        must(agent.calls() == std::vector<std::string>{arguments.expected}, "the agent gets what was sent");
     });
     must(delivered, "a message that is in order arrives");
 }

@@ -9,7 +9,7 @@
 #include "Must.h"
 #include "Options.h"
 #include "Text.h"
-#include "unit/sim/RecordingAgent.h"
+#include "support/RecordingAgent.h"
 
 // What an operator types and pipes into the stand-in, and its command line.
 
@@ -57,8 +57,8 @@ std::vector<std::string> linesOf(const std::string& text) {
 std::vector<std::string> callsOf(const sim::Command& command) {
     RecordingAgent agent;
     command.send(agent);
-    must(agent.calls.size() == 1, "a command that sends makes one call");
-    return agent.calls;
+    must(agent.calls().size() == 1, "a command that sends makes one call");
+    return agent.calls();
 }
 
 void check(const std::string& line) {

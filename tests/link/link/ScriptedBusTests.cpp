@@ -10,11 +10,12 @@
 #include <vector>
 
 #include "link/support/Await.h"
-#include "link/support/RecordingAgent.h"
+#include "link/support/Losses.h"
 #include "link/support/ScriptedBus.h"
 #include "link/support/TempDirectory.h"
 #include "platform/LossPacing.h"
 #include "platform/XpcConnection.h"
+#include "support/RecordingAgent.h"
 
 // What a connection makes of a bus that answers late, in another order, with errors, or not at all.
 
@@ -22,7 +23,6 @@ namespace {
 
 using link_tests::await;
 using link_tests::Losses;
-using link_tests::RecordingAgent;
 using link_tests::ScriptedBus;
 
 constexpr const char* daemonName = "com.brovik.velmdaemon";
@@ -202,7 +202,7 @@ TEST_F(ConnectionOnAScriptedBus, AUserThatTheBusCouldNotTellIsAskedForAgainAtThe
     bus.answer(bus.awaitQuestion(askUser(":1.5"), 2), "u", 0U);
     daemon()->connect();
     ASSERT_TRUE(await([&] { return !agent->calls().empty(); }));
-    EXPECT_EQ(agent->calls(), std::vector<std::string>{"logLevel 7"});
+    EXPECT_EQ(agent->calls(), std::vector<std::string>{"logLevel:7"});
 }
 
 TEST_F(ConnectionOnAScriptedBus, AsksWhoTheDaemonIsWithEachMessageOneQuestionAtATime) {
@@ -327,7 +327,7 @@ TEST_F(ConnectionOnAScriptedBus, NoCallIsDeliveredAfterTheLossAndNoneOnceItIsRel
     bus.call(":1.5", "logLevel", "x", std::int64_t{2});
     bus.call(":1.6", "logLevel", "x", std::int64_t{3});
     ASSERT_TRUE(await([&] { return losses->interruptions == 1; }));
-    EXPECT_EQ(agent->calls(), std::vector<std::string>{"logLevel 1"});
+    EXPECT_EQ(agent->calls(), std::vector<std::string>{"logLevel:1"});
 }
 
 TEST_F(ConnectionOnAScriptedBus, TheLossKeepsItsDistanceFromTheLastCall) {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "RecordingAgent.h"
+#include "support/RecordingAgent.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ std::vector<std::string> callsOf(const std::string& line) {
     if (command.kind == Command::Kind::Send) {
         command.send(agent);
     }
-    return agent.calls;
+    return agent.calls();
 }
 
 std::string errorOf(const std::string& line) {
@@ -57,7 +57,7 @@ TEST(SimCommand, ASendMayBeRepeatedForSeveralAgents) {
     RecordingAgent second;
     command.send(first);
     command.send(second);
-    EXPECT_EQ(first.calls, second.calls);
+    EXPECT_EQ(first.calls(), second.calls());
 }
 
 TEST(SimCommand, HexTakesBytesBeyondAscii) {

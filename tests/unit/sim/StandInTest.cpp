@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "RecordingAgent.h"
+#include "support/RecordingAgent.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ protected:
         });
     }
 
-    const std::vector<std::string>& callsTo(const std::string& address) { return agents.at(address)->calls; }
+    std::vector<std::string> callsTo(const std::string& address) { return agents.at(address)->calls(); }
 
     // Runs the delayed work that is due by then, and what that delays.
     void passTime(std::chrono::milliseconds atMost) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -12,40 +11,45 @@
 
 #include "velmmonitord/XpcProtocols.h"
 
-namespace link_tests {
-
-/// Keeps what arrives, and runs what a test wants run inside a call.
-class RecordingAgent : public XpcAgentProtocol {
+/// An agent that writes down how it is called: "logLevel:6", "putMessage:" and the bytes. Safe on any thread.
+class RecordingAgent final : public XpcAgentProtocol {
 public:
     void connected(bool flag) override {
-        note(std::string("connected ") + (flag ? "1" : "0"));
+        note("connected:" + std::to_string(static_cast<int>(flag)));
         if (onConnected) {
             onConnected();
         }
     }
-    void putMessage(const XpcData& data) override { note("putMessage " + std::to_string(data.length)); }
+    void putMessage(const XpcData& data) override { note("putMessage:" + text(data)); }
     void initRmmMessage(const std::string& message, const std::string& token, const std::string& subdomain,
                         const std::string& rmmUrl, const std::string& appVer) override {
-        note("initRmmMessage " + message + token + subdomain + rmmUrl + appVer);
+        note("initRmmMessage:" + message + "|" + token + "|" + subdomain + "|" + rmmUrl + "|" + appVer);
     }
     void networkReachability(bool reachable) override {
-        note(std::string("networkReachability ") + (reachable ? "1" : "0"));
+        note("networkReachability:" + std::to_string(static_cast<int>(reachable)));
     }
-    void logLevel(std::int64_t level) override { note("logLevel " + std::to_string(level)); }
+    void logLevel(std::int64_t level) override { note("logLevel:" + std::to_string(level)); }
+    /// Whoever asks first does not call this.
+    void rmmMessage(const XpcData& data) override { note("rmmMessage:" + text(data)); }
+    /// As the agent does.
     bool respondsToSelector(std::string_view selector) const override { return selector != "rmmMessage:"; }
 
     std::vector<std::string> calls() const {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_calls;
     }
+    /// The threads that the calls came on, one each.
     std::vector<std::thread::id> threads() const {
         const std::lock_guard<std::mutex> lock(m_mutex);
         return m_threads;
     }
 
-    std::function<void()> onConnected;  ///< set before the connection is resumed
+    std::function<void()> onConnected;  ///< runs inside the call; set before the first
 
 private:
+    static std::string text(const XpcData& data) {
+        return data.length == 0 ? std::string() : std::string(data.bytes, data.length);
+    }
     void note(std::string call) {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_calls.push_back(std::move(call));
@@ -56,11 +60,3 @@ private:
     std::vector<std::string> m_calls;
     std::vector<std::thread::id> m_threads;
 };
-
-struct Losses {
-    std::atomic<int> interruptions{0};
-    std::atomic<int> invalidations{0};
-    int all() const { return interruptions + invalidations; }
-};
-
-}  // namespace link_tests
