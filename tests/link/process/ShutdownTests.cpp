@@ -13,9 +13,9 @@
 #include <string>
 
 #include "link/support/LinkTest.h"
+#include "link/support/ListeningSocket.h"
 #include "link/support/ScriptedBus.h"
 #include "link/support/SilentBus.h"
-#include "link/support/UnheardSocket.h"
 
 namespace link_tests {
 namespace {
@@ -97,7 +97,7 @@ protected:
             case BusState::Absent:
                 break;
             case BusState::ConnectionsWaiting:
-                unheard = std::make_unique<UnheardSocket>(chosen.socketPath());
+                unheard = std::make_unique<ListeningSocket>(chosen.socketPath());
                 break;
             case BusState::AcceptedAndSilent:
                 silent = std::make_unique<SilentBus>(chosen.socketPath(), "");
@@ -118,7 +118,7 @@ protected:
     static BusState state() { return std::get<1>(GetParam()).state; }
 
     PrivateBus sessionBus;
-    std::unique_ptr<UnheardSocket> unheard;
+    std::unique_ptr<ListeningSocket> unheard;
     std::unique_ptr<SilentBus> silent;
     std::unique_ptr<ScriptedBus> scripted;
 };

@@ -21,8 +21,8 @@
 namespace link_tests {
 namespace {
 
-std::string limit(const char* name, std::size_t value) {
-    return std::string("  <limit name=\"") + name + "\">" + std::to_string(value) + "</limit>\n";
+std::string limitLine(const std::string& name, std::size_t value) {
+    return "  <limit name=\"" + name + "\">" + std::to_string(value) + "</limit>\n";
 }
 
 bool accepts(const std::string& socketPath) {
@@ -80,8 +80,13 @@ PrivateBus::~PrivateBus() {
     stop();
 }
 
+void PrivateBus::limit(const std::string& name, std::size_t value) {
+    m_limits += limitLine(name, value);
+}
+
 void PrivateBus::boundQueues(std::size_t bytes) {
-    m_limits = limit("max_incoming_bytes", bytes) + limit("max_outgoing_bytes", bytes);
+    limit("max_incoming_bytes", bytes);
+    limit("max_outgoing_bytes", bytes);
 }
 
 void PrivateBus::writeConfig() const {
@@ -95,10 +100,12 @@ void PrivateBus::writeConfig() const {
         << "</listen>\n"
            "  <auth>EXTERNAL</auth>\n"
            "  <apparmor mode=\"disabled\"/>\n"
-        << limit("auth_timeout", 60000) << m_limits
+        << limitLine("auth_timeout", 60000) << m_limits
         << "  <policy context=\"default\">\n"
            "    <allow user=\"*\"/>\n"
-           "    <allow own=\"*\"/>\n"
+           "    <"
+        << m_namesAre
+        << " own=\"*\"/>\n"
            "    <allow send_destination=\"*\"/>\n"
            "    <allow receive_sender=\"*\"/>\n"
            "  </policy>\n"

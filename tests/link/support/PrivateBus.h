@@ -29,9 +29,14 @@ public:
     const std::string& address() const { return m_address; }
     const std::string& socketPath() const { return m_socketPath; }
 
+    /// From the next `start` on, the bus has this limit (dbus-daemon(1), `limit`) rather than the system
+    /// bus's.
+    void limit(const std::string& name, std::size_t value);
     /// From the next `start` on, the bus keeps so much of what a connection does not take, and so much of
     /// what one has sent and nobody has taken, rather than 127 MiB each.
     void boundQueues(std::size_t bytes);
+    /// From the next `start` on, the bus lets nobody own a name.
+    void forbidNames() { m_namesAre = "deny"; }
 
     /// Returns once the bus listens. May follow a `stop`, at the same address.
     void start();
@@ -57,6 +62,7 @@ private:
     std::string m_address;
     std::string m_configPath;
     std::string m_limits;
+    std::string m_namesAre = "allow";
     std::unique_ptr<SystemLogSocket> m_journal;
     std::unique_ptr<ChildProcess> m_process;
 };

@@ -4,23 +4,20 @@
 #include <string>
 
 #include "link/support/Await.h"
+#include "link/support/ListeningSocket.h"
 
 namespace link_tests {
 
 /// Stands where a bus is expected, hangs up on everyone who calls, and counts them.
 class RudeSocket : public Pumped {
 public:
-    explicit RudeSocket(const std::string& path);
-    ~RudeSocket() override;
-    RudeSocket(const RudeSocket&) = delete;
-    RudeSocket& operator=(const RudeSocket&) = delete;
+    explicit RudeSocket(const std::string& path) : m_socket(path) {}
 
     std::size_t attempts() const { return m_attempts; }
     void pump() override;
 
 private:
-    int m_socket;
-    std::string m_path;
+    ListeningSocket m_socket;
     std::size_t m_attempts = 0;
 };
 

@@ -1,36 +1,13 @@
 #include "link/support/ScriptedBus.h"
 
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <stdexcept>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
-#include "link/support/UnixAddress.h"
 #include "platform/linux/bus/BusCallback.h"
 
 namespace link_tests {
-
-ScriptedBus::ScriptedBus(const std::string& socketPath)
-    : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), m_path(socketPath) {
-    const sockaddr_un address = unixAddress(socketPath);
-    if (::bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        ::chmod(socketPath.c_str(), 0666) != 0 || ::listen(m_socket, 64) != 0) {
-        const int error = errno;
-        ::close(m_socket);
-        throw std::system_error(error, std::generic_category(), socketPath);
-    }
-}
-
-ScriptedBus::~ScriptedBus() {
-    ::close(m_socket);
-    ::unlink(m_path.c_str());
-}
 
 std::size_t ScriptedBus::count(const std::string& text) const {
     return static_cast<std::size_t>(
@@ -68,7 +45,7 @@ void ScriptedBus::nameOwnerChanged(const char* name, const char* before, const c
 }
 
 void ScriptedBus::pump() {
-    const int caller = ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    const int caller = m_socket.accept();
     if (caller >= 0) {
         serve(caller);
     }

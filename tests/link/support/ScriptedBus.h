@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "link/support/Await.h"
+#include "link/support/ListeningSocket.h"
 #include "link/support/SdBus.h"
 
 namespace link_tests {
@@ -15,10 +16,7 @@ namespace link_tests {
 /// and leaves every other call for the test.
 class ScriptedBus : public Pumped {
 public:
-    explicit ScriptedBus(const std::string& socketPath);
-    ~ScriptedBus() override;
-    ScriptedBus(const ScriptedBus&) = delete;
-    ScriptedBus& operator=(const ScriptedBus&) = delete;
+    explicit ScriptedBus(const std::string& socketPath) : m_socket(socketPath) {}
 
     /// A call that came, as "GetNameOwner "com.brovik.velmdaemon"".
     struct Question {
@@ -88,8 +86,7 @@ private:
     int received(sd_bus_message* message, sd_bus_error* error);
     void answerByItself(std::size_t place, const char* member);
 
-    int m_socket;
-    std::string m_path;
+    ListeningSocket m_socket;
     BusHandle m_connection;
     std::vector<BusHandle> m_former;  ///< held open, and heard no more
     std::vector<Question> m_questions;

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "link/support/Await.h"
+#include "link/support/ListeningSocket.h"
 
 namespace link_tests {
 
@@ -19,8 +20,7 @@ public:
     void pump() override;
 
 private:
-    int m_socket;
-    std::string m_path;
+    ListeningSocket m_socket;
     std::string m_piece;
     std::vector<int> m_callers;
 };

@@ -12,13 +12,14 @@
 #include <string>
 #include <vector>
 
-#include "unit/platform/bus/PrivateBus.h"
+#include "link/support/PrivateBus.h"
 #include "unit/platform/runloop/LoopFixture.h"
 #include "unit/platform/screenlock/FakeLogind.h"
 #include "unit/sim/Child.h"
 
 namespace {
 
+using link_tests::PrivateBus;
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::HasSubstr;

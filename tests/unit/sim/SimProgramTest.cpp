@@ -6,12 +6,11 @@
 #include <chrono>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "link/support/PrivateBus.h"
 #include "platform/linux/bus/BusCallback.h"
 #include "platform/linux/bus/BusHandles.h"
 #include "platform/linux/link/ProtocolVTable.h"
@@ -21,49 +20,13 @@
 namespace {
 
 using namespace platform::dbus;
+using link_tests::PrivateBus;
 using platform::BusHandle;
 using platform::MessageHandle;
 using platform::SlotHandle;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-constexpr const char* openPolicy = "<allow own='*'/><allow send_destination='*'/><allow receive_sender='*'/>";
-constexpr const char* closedPolicy =
-    "<deny own='*'/><allow send_destination='*'/><allow receive_sender='*'/>";
-
-// A bus of the test's own, below a directory of its own.
-class PrivateBus {
-public:
-    explicit PrivateBus(const char* policy, const char* limits = "") {
-        std::string name = "/tmp/velm-sim-test.XXXXXX";
-        EXPECT_NE(mkdtemp(name.data()), nullptr);
-        m_directory = name;
-        std::ofstream(m_directory + "/conf")
-            << "<busconfig><type>system</type><listen>" << address() << "</listen><auth>EXTERNAL</auth>"
-            << limits << "<policy context='default'><allow user='*'/>" << policy << "</policy></busconfig>";
-        m_daemon = std::make_unique<Child>(std::vector<std::string>{
-            "dbus-daemon", "--nofork", "--print-address", "--config-file=" + m_directory + "/conf"});
-        m_daemon->awaitLine("unix:");
-    }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
-    PrivateBus(PrivateBus&&) = delete;
-    PrivateBus& operator=(PrivateBus&&) = delete;
-    ~PrivateBus() {
-        kill();
-        for (const char* file : {"/conf", "/bus", ""}) {
-            remove((m_directory + file).c_str());
-        }
-    }
-
-    std::string address() const { return "unix:path=" + m_directory + "/bus"; }
-    void kill() { m_daemon.reset(); }
-
-private:
-    std::string m_directory;
-    std::unique_ptr<Child> m_daemon;
-};
 
 // An agent as the bus sees it: calls the daemon, and writes down how it is called.
 class FakeAgent {
@@ -195,6 +158,8 @@ private:
 
 class SimProgram : public testing::Test {
 protected:
+    SimProgram() { bus.start(); }
+
     std::unique_ptr<Child> start(const std::vector<std::string>& options = {}) {
         std::vector<std::string> arguments{VELMDAEMON_SIM};
         arguments.insert(arguments.end(), options.begin(), options.end());
@@ -208,7 +173,7 @@ protected:
         return daemon;
     }
 
-    PrivateBus bus{openPolicy};
+    PrivateBus bus;
 };
 
 TEST_F(SimProgram, AnswersEveryMethodOfTheDaemonsInterface) {
@@ -425,14 +390,16 @@ TEST_F(SimProgram, ASecondOneMayWaitForTheFirstToGo) {
 
 TEST_F(SimProgram, LosingTheBusEndsIt) {
     const auto daemon = startReady();
-    bus.kill();
+    bus.stop();
     EXPECT_EQ(daemon->awaitEnd(), 6);
     EXPECT_THAT(daemon->errors(), HasSubstr("lost the connection to the system bus"));
 }
 
 TEST_F(SimProgram, AnErrorWhileItHandlesACallEndsIt) {
     // Two rules are its own, and each agent is worth one.
-    PrivateBus other(openPolicy, "<limit name='max_match_rules_per_connection'>2</limit>");
+    PrivateBus other;
+    other.limit("max_match_rules_per_connection", 2);
+    other.start();
     const auto daemon = startReady({"--address", other.address()});
     FakeAgent agent(other.address());
     agent.call("connect");
@@ -453,7 +420,8 @@ TEST_F(SimProgram, AnErrorWhileItReadsItsInputEndsIt) {
 }
 
 TEST_F(SimProgram, ServesOnABusAtAnAddress) {
-    PrivateBus other(openPolicy);
+    PrivateBus other;
+    other.start();
     const auto daemon = startReady({"--address", other.address()});
     FakeAgent agent(other.address());
     agent.call("connect");
@@ -461,14 +429,16 @@ TEST_F(SimProgram, ServesOnABusAtAnAddress) {
 }
 
 TEST_F(SimProgram, WithoutABusItSaysSo) {
-    bus.kill();
+    bus.stop();
     const auto daemon = start();
     EXPECT_EQ(daemon->awaitEnd(), 3);
     EXPECT_THAT(daemon->errors(), HasSubstr("cannot reach the system bus"));
 }
 
 TEST(SimProgramAlone, WithoutPermissionToOwnTheNameItSaysSo) {
-    const PrivateBus bus(closedPolicy);
+    PrivateBus bus;
+    bus.forbidNames();
+    bus.start();
     Child daemon({VELMDAEMON_SIM, "--address", bus.address()});
     EXPECT_EQ(daemon.awaitEnd(), 4);
     EXPECT_THAT(daemon.errors(), HasSubstr("does not let this user own com.brovik.velmdaemon"));

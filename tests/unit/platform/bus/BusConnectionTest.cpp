@@ -6,12 +6,13 @@
 #include <chrono>
 #include <vector>
 
-#include "unit/platform/bus/PrivateBus.h"
+#include "link/support/PrivateBus.h"
 #include "unit/platform/runloop/LoopFixture.h"
 #include "unit/platform/screenlock/FakeLogind.h"
 
 namespace {
 
+using link_tests::PrivateBus;
 using platform::Backoff;
 using platform::BusConnection;
 using std::chrono::milliseconds;

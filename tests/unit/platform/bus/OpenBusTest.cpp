@@ -7,12 +7,13 @@
 #include <cstdlib>
 #include <string>
 
+#include "link/support/PrivateBus.h"
 #include "platform/linux/bus/BusHandles.h"
 #include "platform/linux/process/OutHandle.h"
-#include "unit/platform/bus/PrivateBus.h"
 
 namespace {
 
+using link_tests::PrivateBus;
 using platform::BusHandle;
 using platform::OutHandle;
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "support/ZoneRules.h"
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 
 namespace {
 

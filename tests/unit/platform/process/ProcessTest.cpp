@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <iostream>
 #include <string>
 
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <regex>
 #include <string>
 
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 
 namespace {
 

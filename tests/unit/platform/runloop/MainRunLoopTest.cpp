@@ -20,7 +20,7 @@
 #include "platform/NotificationCenter.h"
 #include "platform/Process.h"
 #include "platform/linux/runloop/PrivateThreads.h"
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <chrono>
 
 #include "platform/linux/runloop/Backoff.h"
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 #include "unit/platform/runloop/LoopFixture.h"
 
 namespace {

@@ -14,14 +14,15 @@
 #include <utility>
 #include <vector>
 
+#include "link/support/PrivateBus.h"
 #include "platform/linux/bus/BusCallback.h"
 #include "platform/linux/process/OutHandle.h"
-#include "unit/platform/bus/PrivateBus.h"
 #include "unit/platform/runloop/LoopFixture.h"
 #include "unit/platform/screenlock/FakeLogind.h"
 
 namespace {
 
+using link_tests::PrivateBus;
 using platform::ScreenLockSource;
 using testing::ElementsAre;
 using Reports = std::vector<bool>;

@@ -1,4 +1,4 @@
-#include "link/support/UnheardSocket.h"
+#include "link/support/ListeningSocket.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,8 +11,8 @@
 
 namespace link_tests {
 
-UnheardSocket::UnheardSocket(const std::string& path)
-    : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)), m_path(path) {
+ListeningSocket::ListeningSocket(const std::string& path)
+    : m_socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), m_path(path) {
     const sockaddr_un address = unixAddress(path);
     if (::bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         ::chmod(path.c_str(), 0666) != 0 || ::listen(m_socket, 64) != 0) {
@@ -22,9 +22,13 @@ UnheardSocket::UnheardSocket(const std::string& path)
     }
 }
 
-UnheardSocket::~UnheardSocket() {
+ListeningSocket::~ListeningSocket() {
     ::close(m_socket);
     ::unlink(m_path.c_str());
+}
+
+int ListeningSocket::accept() const {
+    return ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 }
 
 }  // namespace link_tests

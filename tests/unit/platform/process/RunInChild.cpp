@@ -1,4 +1,4 @@
-#include "unit/platform/process/ChildProcess.h"
+#include "unit/platform/process/RunInChild.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
