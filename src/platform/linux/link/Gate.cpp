@@ -95,9 +95,9 @@ bool Gate::isOurs(sd_bus_message* call) const {
     if (m_exported == nullptr || !isText(sd_bus_message_get_path(call), dbus::agentObjectPath)) {
         return false;
     }
-    const char* const interface = sd_bus_message_get_interface(call);
     const XpcMethod* const method = dbus::findMember(*m_exported, sd_bus_message_get_member(call));
-    return (interface == nullptr || interface == dbus::interfaceName(*m_exported)) && method != nullptr &&
+    return isText(sd_bus_message_get_interface(call), dbus::interfaceName(*m_exported)) &&
+           method != nullptr &&
            sd_bus_message_has_signature(call, dbus::argumentSignature(*method).c_str()) > 0;
 }
 
