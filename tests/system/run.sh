@@ -27,7 +27,12 @@ releases=("$@")
 . /etc/os-release
 if [[ ${VERSION_CODENAME-} != bookworm && " ${releases[*]} " == *" bookworm "* ]]; then
     echo "Left out: Debian 12, which is older than this machine's ${PRETTY_NAME-system} and lacks its libraries."
-    releases=("${releases[@]/bookworm/}")
+    newer=()
+    for release in "${releases[@]}"; do
+        [[ $release == bookworm ]] || newer+=("$release")
+    done
+    releases=("${newer[@]}")
+    ((${#releases[@]})) || cannot_run "Debian 12 alone was asked for"
 fi
 
 build_packages() {
@@ -54,7 +59,7 @@ finish() {
 trap finish EXIT
 trap 'exit 130' INT TERM
 
-for release in ${releases[@]}; do
+for release in "${releases[@]}"; do
     tarball=$("$root/tests/roots/base-root.sh" "$release" booted)
     mkdir -p "$work/$release/root"
     tar -C "$work/$release/root" -xf "$tarball"
@@ -63,7 +68,7 @@ for release in ${releases[@]}; do
     tests[$release]=$!
 done
 failed=0
-for release in ${releases[@]}; do
+for release in "${releases[@]}"; do
     wait "${tests[$release]}" || failed=1
     unset "tests[$release]"
     echo "== $release"
