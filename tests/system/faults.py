@@ -58,6 +58,13 @@ def asks_for_all_users_at_once(tree):
                 (f"/usr/libexec/velmmonitord/user-agents {action} || true", invoke.format(word)))
 
 
+def stops_agents_before_dpkg(tree):
+    """In a file that dpkg obeys before it takes its lock."""
+    directory = tree / "etc/dpkg/dpkg.cfg.d"
+    directory.mkdir(parents=True)
+    (directory / "velmmonitord").write_text('pre-invoke="/usr/libexec/velmmonitord/user-agents stop || true"\n')
+
+
 FAULTS = (
     Fault("asks-every-6-s", "without a daemon the agents ask once a second",
           source="src/velmmonitord/MonitorLauncher.cpp",
@@ -89,6 +96,18 @@ FAULTS = (
     Fault("log-directory-for-everybody", "a new user's log directory has mode 0700",
           in_file("usr/share/user-tmpfiles.d/velmmonitord.conf", (":0700", ":0755"))),
     Fault("one-user-decides", "an upgrade with one user's agent masked", asks_for_all_users_at_once, brief=False),
+    Fault("waits-for-a-hung-manager", "an upgrade with one user's manager hung",
+          in_file("usr/libexec/velmmonitord/user-agents", ('timeout --kill-after=1 "$seconds"', "env")), brief=False),
+    Fault("stops-agents-too-early", "two package operations at once", stops_agents_before_dpkg, brief=False),
+    Fault("needs-its-log-directory", "a home that cannot be written", in_file(UNIT, ("ExecStartPre=-", "ExecStartPre="))),
+    Fault("needs-room-for-its-log", "a full disk at start",
+          source="src/logging/FileDestination.cpp",
+          changes=(("        m_fileStream.flush();", "        m_fileStream.flush();\n        if (!m_fileStream.good()) std::terminate();"),)),
+    Fault("ends-with-its-program", "a program replaced, and then removed",
+          source="src/velmmonitord/main.cpp",
+          changes=(("int main() {", "#include <chrono>\n#include <thread>\n#include <sys/stat.h>\n#include <unistd.h>\n"
+                    "int main() {\n    std::thread([] { struct stat now {}; while (::stat(\"/proc/self/exe\", &now) == 0 && "
+                    "now.st_nlink != 0) std::this_thread::sleep_for(std::chrono::milliseconds(200)); ::_exit(1); }).detach();\n"),)),
     Fault("needs-its-home", "a home that vanishes", in_file(UNIT, ("Type=exec", "Type=exec\nWorkingDirectory=%h"))),
 )
 

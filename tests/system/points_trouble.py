@@ -16,6 +16,7 @@ def points(report, world):
                  world)
     report.check("a full disk at start: the agent works without its log", full_disk, world)
     report.check("a home that vanishes: the agent works on, also when it is started anew", vanished_home, world)
+    report.check("a program replaced, and then removed, under the agents that run it: they go on", replaced_program, world)
     report.check("a log directory that its user made is left as it is", own_log_directory, world)
 
 
@@ -120,6 +121,28 @@ def vanished_home(world):
     assert system_log(world, gina) == [FAILURE + "/home/gina/Library/Logs/velmmonitord.log"]
     assert {user: user.agent_pid() for user in world.users} == others, "another user's agent was touched"
     session.logout()
+
+
+PROGRAM = "/usr/sbin/velmmonitord"
+
+
+def replaced_program(world):
+    """As while an upgrade is on its way, or after somebody has cleared up."""
+    run = world.container.run
+    before = {user: user.wait_for_agent() for user in world.users}
+    run("cp", "--preserve", PROGRAM, PROGRAM + ".kept")
+    try:
+        for change in (f"cp --preserve {PROGRAM}.kept {PROGRAM}.new && mv {PROGRAM}.new {PROGRAM}", f"rm {PROGRAM}"):
+            run("sh", "-c", change)
+            tells_the_daemon(world, world.alice, world.alices_session)
+            marks = [(user, user.log_mark()) for user in world.users]
+            world.daemon.stop()
+            world.daemon.start()
+            for user, mark in marks:
+                user.wait_for_messages(mark, "Monitor launcher: disconnected came", "Monitor launcher: connected came")
+            assert {user: user.agent_pid() for user in world.users} == before, "an agent was touched"
+    finally:
+        run("mv", PROGRAM + ".kept", PROGRAM)
 
 
 def full_disk(world):
