@@ -167,7 +167,7 @@ def boot(fault, packages, previous, tarball, log):
                                  packages, "--previous", previous], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                 text=True)
         failed = []
-        with open(log, "w", encoding="utf-8") as output:
+        with open(log, "w", encoding="utf-8", buffering=1) as output:
             for line in test.stdout:
                 output.write(line)
                 point = re.match(r"FAILED +[\d.]+ s  (.*)", line)
