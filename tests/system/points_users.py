@@ -6,7 +6,7 @@ import re
 import time
 
 from container import CommandFailed
-from users import UNIT
+from users import UNIT, User
 
 PLACES = ("first", "in the middle", "last")
 # Each user has 10 s, which the line about one that hangs says; the rest is apt's own work, which a busy machine lets
@@ -19,6 +19,7 @@ def points(report, world):
         report.check(f"an upgrade with one user's agent masked ({place}) renews the others'", masked, world, user)
         report.check(f"an upgrade with one user's manager hung ({place}) renews the others'", hung, world, user)
     report.check("an upgrade with one user's unit broken renews the others', and names that user", broken, world)
+    report.check("an upgrade while a user logs out renews the others', and complains of nobody", leaving, world)
     report.check("an upgrade without session buses renews every agent", without_session_buses, world)
     report.check("two package operations at once: the second is refused in words, and touches no agent", at_once, world)
     report.check("disabled for all users: an upgrade starts no agent, and renews those that run", disabled, world)
@@ -108,6 +109,31 @@ def broken(world):
         odd.systemctl("daemon-reload")
         odd.systemctl("restart", UNIT)
     odd.wait_for_agent()
+
+
+# What the next start of the agent does to its user's manager, and what keeps that from ending at once.
+LEAVES = r"""
+mkdir -p ~/.config/systemd/user/velmmonitord.service.d
+cd ~/.config/systemd/user
+printf '[Service]\nExecStartPre=systemctl --user --no-block exit\nExecStartPre=sleep 10\n' >velmmonitord.service.d/leave.conf
+printf '[Service]\nExecStart=sleep infinity\nExecStop=sleep 8\n' >slow.service
+systemctl --user daemon-reload
+systemctl --user start slow.service
+"""
+
+
+def leaving(world):
+    """The manager takes the question and is ending when it is to answer."""
+    hugo = User(world.container, "hugo")
+    session = hugo.log_in()
+    hugo.wait_for_agent()
+    hugo.run("sh", "-c", LEAVES)
+    before = pids(world.users)
+    text = reinstall(world)
+    all_renewed(before)
+    assert "velmmonitord: " not in text, text
+    assert hugo.agent_pid() == 0, "the user did not leave"
+    session.logout()
 
 
 def stop_session_bus(user):
