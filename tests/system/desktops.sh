@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Locks and unlocks the screen with real lockers in a booted Debian 13 and prints what the agent told of each.
 # Usage: tests/system/desktops.sh DIR [--only LOCKER]
-# DIR is where packaging/linux/build-packages.sh builds the packages, which this does first. Installs some hundred megabytes.
+# DIR is where packaging/linux/build-packages.sh builds the packages, which this does first. Installs 2 GB.
 # Status: 0 each told one lock and one unlock, 1 one did not, 77 it cannot run on this machine.
 set -euo pipefail
 
