@@ -12,6 +12,7 @@ build=${1:-$root/build/macos-check}
 compiler=${CXX:-clang++}
 [[ $compiler == *clang* ]] || compiler=clang++
 here=$root/tests/macos
+source "$here/libcxx.sh"
 cd "$root"
 mkdir -p "$build"
 build=$(cd "$build" && pwd)
@@ -22,25 +23,23 @@ done
 
 report() { printf '%-10s %s\n' "$1" "$2"; }
 
-# The warnings of every other target; the linker's options there begin with -Wl.
-mapfile -t warnings < <(grep -oE -- '-W[a-z][a-z0-9=#-]*' cmake/VelmFlags.cmake | grep -vx -e '-Wl' -e '-Werror')
-((${#warnings[@]} >= 5)) || { echo "check.sh: cmake/VelmFlags.cmake names no warnings" >&2; exit 2; }
-
-# The compiler targets macOS itself; only the headers of the C and C++ libraries are the host's. Three things make
-# them fit: fixed-width types as macOS has them, no __nonnull, which Apple's compiler predefines and glibc uses
-# otherwise, and the processor of the host, by which glibc chooses its headers.
-mapfile -t host_headers < <("$compiler" -E -v -x c++ /dev/null 2>&1 |
+# The compiler targets macOS itself; only the headers of the C and C++ libraries are the host's: of the C++ libraries
+# macOS's own, where it is one that knows what macOS 10.12 lacks. Three things make them fit: fixed-width types as macOS
+# has them, no __nonnull, which Apple's compiler predefines and glibc uses otherwise, and the processor of the host, by
+# which glibc chooses its headers.
+libcxx=() why_not=''
+library=libstdc++
+if use_annotated_libcxx "$compiler" "$build/libcxx"; then
+    library=libc++
+fi
+mapfile -t host_headers < <("$compiler" "-stdlib=$library" -E -v -x c++ /dev/null 2>&1 |
     sed -n '/^#include </,/^End/s/^ //p' | grep -v '/clang/')
 ((${#host_headers[@]})) || { echo "check.sh: $compiler does not tell where its headers are" >&2; exit 2; }
 headers=(-U__nonnull -D_GNU_SOURCE "-D__$(uname -m)__" -Wno-builtin-macro-redefined
     -nostdinc++ -isystem "$here/sdk" -isystem "$here/libc")
-for directory in "${host_headers[@]}"; do
+for directory in "${libcxx[@]}" "${host_headers[@]}"; do
     headers+=(-isystem "$directory")
 done
-# What the stand-in's own CMakeLists.txt gives it.
-stand_in_flags=(-Itools/velmdaemon-sim '-DVELM_VERSION="0"')
-flags=(-std=c++17 -O1 -fblocks -fstack-protector-strong -Werror "${warnings[@]}" -Isrc "${stand_in_flags[@]}" "${headers[@]}")
-objective_c=(-fobjc-arc)
 
 target_of() {
     case $1 in
@@ -49,84 +48,81 @@ target_of() {
     esac
 }
 
-# compile ARCHITECTURE SOURCE: an object file and, of Objective-C++, the LLVM IR.
-compile() {
-    local arch=$1 source=$2 object=$build/$1/$2.o target extra=()
-    target=$(target_of "$arch")
-    mkdir -p "${object%/*}"
-    if [[ $source == *.mm ]]; then
-        extra=("${objective_c[@]}" "-fobjc-runtime=macosx-${target##*macosx}")
-        "$compiler" -target "$target" "${flags[@]}" "${extra[@]}" -S -emit-llvm "$source" -o "${object%.o}.ll"
-    fi
-    "${launcher[@]}" "$compiler" -target "$target" "${flags[@]}" "${extra[@]}" -c "$source" -o "$object"
-}
-
-# The project's own build, as CMake would run it on a Mac, up to the linking: there is nothing to link with here.
-build_with_cmake() {
-    local path source forgotten=0
+# toolchain ARCHITECTURE: for CMake, which then builds as on a Mac, up to the linking: there is nothing to link with here.
+# Objective-C++ goes by way of LLVM's text, OBJECT.ll, which is checked too; that needs optimising.
+toolchain() {
+    local target path
+    target=$(target_of "$1")
     path=$(command -v "$compiler")
-    cat >"$build/darwin.cmake" <<END
+    cat <<END
 set(CMAKE_SYSTEM_NAME Darwin)
-set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(CMAKE_SYSTEM_PROCESSOR $1)
+set(CMAKE_OSX_DEPLOYMENT_TARGET ${target##*macosx})
 set(CMAKE_AR "$(command -v ar)")
 set(CMAKE_RANLIB "$(command -v ranlib)")
 set(CMAKE_INSTALL_NAME_TOOL "$(command -v true)")
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 foreach(language CXX OBJCXX)
     set(CMAKE_\${language}_COMPILER "$path")
-    set(CMAKE_\${language}_COMPILER_TARGET $(target_of x86_64))
+    set(CMAKE_\${language}_COMPILER_TARGET $target)
     set(CMAKE_\${language}_FLAGS_INIT "${headers[*]}")
     set(CMAKE_\${language}_LINK_EXECUTABLE "<CMAKE_COMMAND> -E touch <TARGET>")
 endforeach()
+string(APPEND CMAKE_OBJCXX_FLAGS_INIT " -O1 -fobjc-runtime=macosx-${target##*macosx}")
+set(CMAKE_OBJCXX_COMPILE_OBJECT
+    "<CMAKE_OBJCXX_COMPILER> <DEFINES> <INCLUDES> <FLAGS> -S -emit-llvm <SOURCE> -o <OBJECT>.ll"
+    "<CMAKE_OBJCXX_COMPILER> -target $target -O1 -c -x ir <OBJECT>.ll -o <OBJECT>")
 END
-    rm -rf "$build/cmake"
-    cmake -G Ninja -S "$root" -B "$build/cmake" -DCMAKE_TOOLCHAIN_FILE="$build/darwin.cmake" \
-        -DCMAKE_OSX_DEPLOYMENT_TARGET=10.12 -DVELM_BUILD_TESTS=OFF -DVELM_BUILD_EXAMPLES=OFF || return
-    cmake --build "$build/cmake" -j 2 || return
-    # The tests only configure: GoogleTest is there for this machine alone.
-    rm -rf "$build/cmake-tests"
-    cmake -G Ninja -S "$root" -B "$build/cmake-tests" -DCMAKE_TOOLCHAIN_FILE="$build/darwin.cmake" \
-        -DCMAKE_OSX_DEPLOYMENT_TARGET=10.12 -DVELM_BUILD_TESTS=ON \
-        -DGTest_DIR="/usr/lib/$(uname -m)-linux-gnu/cmake/GTest" || return
-    for source in "${platform[@]}" "${core[@]}" "${stand_in[@]}"; do
-        grep -qF "\"$root/$source\"" "$build/cmake/compile_commands.json" ||
-            { echo "CMake builds no $source on macOS"; forgotten=1; }
-    done
-    ((forgotten == 0))
 }
 
-launcher=()
-command -v ccache >/dev/null && launcher=(ccache)
+# GoogleTest is there for this machine alone, so tests only configure.
+configure() {
+    toolchain "$1" >"$build/$1.cmake"
+    rm -rf "${build:?}/$1"
+    cmake -G Ninja -S "$root" -B "$build/$1" -DCMAKE_TOOLCHAIN_FILE="$build/$1.cmake" -DVELM_BUILD_EXAMPLES=OFF \
+        -DGTest_DIR="/usr/lib/$(uname -m)-linux-gnu/cmake/GTest" >"$build/$1.log" 2>&1
+}
 
-platform=(src/platform/macos/*.mm src/platform/macos/*.cpp)
+compile() {
+    cmake --build "$build/$1" --target src/all tools/all -j "$(nproc)" >>"$build/$1.log" 2>&1
+}
+
+platform=(src/platform/*.cpp src/platform/macos/*.mm src/platform/macos/*.cpp)
 core=(src/velmmonitord/*.cpp src/common/*.cpp src/logging/*.cpp)
 stand_in=(tools/velmdaemon-sim/*.cpp tools/velmdaemon-sim/macos/*.mm tools/velmdaemon-sim/macos/*.cpp)
-rm -rf "$build/x86_64" "$build/arm64"
 
 failed=0
-running=0
-compiled=0
-for arch in x86_64 arm64; do
-    for source in "${platform[@]}" "${core[@]}" "${stand_in[@]}"; do
-        # Two at a time: the machine that checks may be small.
-        if ((running == 2)); then
-            wait -n || failed=1
-            running=$((running - 1))
-        fi
-        compile "$arch" "$source" &
-        running=$((running + 1))
-        compiled=$((compiled + 1))
-    done
+configure arm64 &
+other=$!
+configure x86_64 || failed=1
+wait "$other" || failed=1
+for architecture in x86_64 arm64; do
+    ((failed)) || compile "$architecture" || failed=1
 done
-while ((running > 0)); do
-    wait -n || failed=1
-    running=$((running - 1))
+if ((failed)); then
+    grep -hE -A3 ' error: |FAILED|CMake Error' "$build"/{x86_64,arm64}.log | head -n 60 >&2
+    echo "check.sh: building for macOS failed (all of it: $build/{x86_64,arm64}.log)" >&2
+    exit 1
+fi
+for source in "${platform[@]}" "${core[@]}" "${stand_in[@]}"; do
+    grep -qF "\"$root/$source\"" "$build/x86_64/compile_commands.json" ||
+        { echo "CMake builds no $source on macOS" >&2; failed=1; }
 done
-((failed == 0)) || { echo "check.sh: compiling failed" >&2; exit 1; }
-report compiled "$compiled objects of ${#platform[@]} platform, ${#core[@]} core and ${#stand_in[@]} stand-in files, x86_64 and arm64"
+mapfile -t objects < <(find "$build"/{x86_64,arm64}/{src,tools} -name '*.o' | sort)
+mapfile -t ir < <(find "$build"/{x86_64,arm64}/{src,tools} -name '*.ll' | sort)
+report compiled "${#objects[@]} objects of ${#platform[@]} platform, ${#core[@]} core and ${#stand_in[@]} stand-in files, x86_64 and arm64, \
+with $library, by CMake, for which the tests configure too"
 
-mapfile -t objects < <(find "$build/x86_64" "$build/arm64" -name '*.o' | sort)
-mapfile -t ir < <(find "$build/x86_64" "$build/arm64" -name '*.ll' | sort)
+# What the headers of 10.12's library refuse, they must be seen to refuse.
+if [[ $library == libc++ ]]; then
+    for source in "$here"/too_new/*.cpp; do
+        refused "$compiler" -target "$(target_of x86_64)" -std=c++17 "${headers[@]}" "$source" ||
+            { echo "${source#"$root"/} is not refused as too new, or not for that alone" >&2; failed=1; }
+    done
+    report deployment "all of it is in macOS 10.12's C++ library; what $(cd "$here/too_new" && echo ./*.cpp | sed 's/\.\/\|\.cpp//g') use is not"
+else
+    report deployment "not checked: $why_not"
+fi
 
 # For the machine that checks, so with its own headers.
 "${HOST_CXX:-$compiler}" -std=c++17 -Isrc "$here/table.cpp" -o "$build/table"
@@ -144,16 +140,7 @@ run() {
     fi
 }
 export PYTHONDONTWRITEBYTECODE=1
-if build_with_cmake >"$build/cmake.log" 2>&1; then
-    report cmake "the project configures for macOS, its tests too, and builds all of them, up to the linking"
-else
-    tail -n 30 "$build/cmake.log" >&2
-    report cmake FAILED
-    failed=1
-fi
 run metadata python3 "$here/check_metadata.py" "$build/table.txt" docs/macos.md "${objects[@]}"
-run deployment python3 "$here/check_deployment.py" "${objects[@]}" -- \
-    "${platform[@]}" "${core[@]}" "${stand_in[@]}" src/*/*.h src/platform/macos/*.h tools/velmdaemon-sim/*.h
 run exceptions python3 "$here/check_boundary.py" "${ir[@]}"
 run plists python3 "$here/check_plists.py" packaging/macos
 run packaging bash "$here/check_packaging.sh" "$build/packaging"

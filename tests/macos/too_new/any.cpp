@@ -1,0 +1,5 @@
+#include <any>
+
+int f(const std::any& value) {
+    return std::any_cast<int>(value);
+}

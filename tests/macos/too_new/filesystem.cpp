@@ -1,0 +1,5 @@
+#include <filesystem>
+
+bool f() {
+    return std::filesystem::exists("/");
+}

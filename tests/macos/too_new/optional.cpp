@@ -1,0 +1,5 @@
+#include <optional>
+
+int f(const std::optional<int>& value) {
+    return value.value();
+}
