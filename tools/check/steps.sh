@@ -19,12 +19,12 @@ plain_steps() {
 
 # What continuous integration adds. The order of the queue is that in which the steps in front need it.
 deep_steps() {
-    queue build-clang   "builds with clang++, warnings are errors" build clang
+    queue build-clang   "builds with clang++ and libc++, warnings are errors" build_with_libcxx
     queue build-asan    "builds with the address and undefined-behaviour sanitizers" build asan
     queue build-tsan    "builds with the thread sanitizer" build tsan
     queue build-release "builds as shipped" build release
     queue build-fuzz    "builds the fuzzers" build fuzz --target fuzzers
-    queue tidy          "clang-tidy on every source" tools/check/tidy.py build/clang
+    queue tidy          "clang-tidy on every source" tidy_sources
     queue reference     "Doxygen makes the reference without a warning" tools/make-reference build/reference
     beside soak         "two minutes of random events, stops and restarts" tests/soak/run build/debug 120
     step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
@@ -74,6 +74,24 @@ desktop_steps() {
 
 # build PRESET [OPTION...]: the options are those of cmake --build.
 build() { cmake --preset "$1" && cmake --build --preset "$1" -j "$jobs" "${@:2}"; }
+
+# macOS's C++ library; the installed GoogleTest is for the other one.
+build_with_libcxx() {
+    if [[ ! -e /usr/src/googletest/CMakeLists.txt ]]; then
+        echo "GoogleTest's sources, to build it with libc++, are not in /usr/src/googletest"
+        return "$skipped_status"
+    fi
+    build clang
+}
+
+# By the commands of that build.
+tidy_sources() {
+    if [[ ! -e build/clang/compile_commands.json ]]; then
+        echo "there is no build with clang++ to take the commands from"
+        return "$skipped_status"
+    fi
+    tools/check/tidy.py build/clang
+}
 
 # Most tests wait for something most of the time.
 run_tests() { ctest --preset "$1" -j $((4 * jobs)) "${@:2}"; }

@@ -180,7 +180,8 @@ TEST_F(ZoneRules, OfAGigabyteAreReadUpToABound) {
     fs::resize_file(file(), std::uintmax_t{1} << 30);
     const auto rules = readZoneRules(file());
     ASSERT_TRUE(rules);
-    EXPECT_LE(rules->capacity(), 64U * 1024 + 1);
+    // Some bytes more, as a library may round up.
+    EXPECT_LT(rules->capacity(), 65U * 1024);
 }
 
 }  // namespace
