@@ -26,7 +26,11 @@ plays() {
 }
 
 plays C++ "exec '$build/examples/daemon_example'"
-plays Python "exec /usr/bin/python3 examples/daemon/linux/daemon.py '$build/packaging/linux/com.brovik.XpcDaemonProtocol.xml'"
+plays Python examples/daemon/linux/daemon.py
+# Its interface is the contract's, but for the annotations.
+declared() { sed '/annotation/d' | tr -d '\n' | sed -E 's/.*<node>/<node>/; s/> +</></g; s/(<method name="[a-zA-Z]+")><\/method>/\1\/>/g; s/<\/node>.*/<\/node>/'; }
+diff <(declared <"$build/packaging/linux/com.brovik.XpcDaemonProtocol.xml") <(declared <examples/daemon/linux/daemon.py) ||
+    fail "daemon.py declares another interface"
 
 echo "== Objective-C"
 # Its protocols are the contract's, text for text.

@@ -1,9 +1,5 @@
 #!/usr/bin/python3
-"""A small management daemon over GDBus: confirms each agent's link, and prints what happens. See daemon-authors.md.
-
-Usage: daemon.py [INTERFACE.xml]
-The agent's package installs the file; without it, give one that the build has made.
-"""
+"""A small management daemon over GDBus: confirms each agent's link, and prints what happens. See daemon-authors.md."""
 
 import pwd
 import sys
@@ -14,7 +10,26 @@ NAME = "com.brovik.velmdaemon"
 DAEMON_PATH = "/com/brovik/velmdaemon"
 AGENT_PATH = "/com/brovik/velmmonitord"
 AGENT_INTERFACE = "com.brovik.XpcAgentProtocol"
-INTERFACE_FILE = "/usr/share/dbus-1/interfaces/com.brovik.XpcDaemonProtocol.xml"
+
+# The whole contract, as the agent's package has it in /usr/share/dbus-1/interfaces.
+INTERFACE = """
+<node>
+ <interface name="com.brovik.XpcDaemonProtocol">
+  <method name="connect"/>
+  <method name="pingWithReply"><arg type="b" name="reply" direction="out"/></method>
+  <method name="putMessage"><arg type="ay" name="data" direction="in"/></method>
+  <method name="onScreenLocked"><arg type="b" name="flag" direction="in"/></method>
+  <method name="onTimeZoneChanged"/>
+  <method name="requestForNetworkReachability"/>
+  <method name="requestForInitRmm"/>
+  <method name="requestForLogLevel"><arg type="i" name="value" direction="in"/></method>
+  <method name="lastCommunicationTime"><arg type="v" name="reply" direction="out"/></method>
+  <method name="loggedUser"><arg type="s" name="reply" direction="out"/></method>
+  <method name="upTime"><arg type="v" name="reply" direction="out"/></method>
+  <method name="requestForRmmMonitors"/>
+ </interface>
+</node>
+"""
 
 
 class Daemon:
@@ -87,8 +102,7 @@ class Daemon:
 
 
 def main():
-    with open(sys.argv[1] if len(sys.argv) > 1 else INTERFACE_FILE, encoding="utf-8") as file:
-        interface = Gio.DBusNodeInfo.new_for_xml(file.read()).lookup_interface("com.brovik.XpcDaemonProtocol")
+    interface = Gio.DBusNodeInfo.new_for_xml(INTERFACE).lookup_interface("com.brovik.XpcDaemonProtocol")
     loop = GLib.MainLoop()
     daemon = Daemon(Gio.bus_get_sync(Gio.BusType.SYSTEM, None), interface, loop)
     loop.run()
