@@ -6,6 +6,7 @@
 plain_steps() {
     beside format       "clang-format leaves every file as it is" format_check
     beside driver       "what this script says of its steps" tools/check/driver_test.sh
+    beside harness      "what the benchmarks say of rows that did not run" bench/harness/contest_test.py
     step build          "builds with g++, warnings are errors" build debug || return
     queue macos         "macOS sources compile; metadata equals the protocol table" tests/macos/check.sh build/macos
     queue macos-run     "the macOS agent runs, over doubles of the frameworks, as on Linux" \
