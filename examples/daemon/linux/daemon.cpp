@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <string>
@@ -19,19 +20,26 @@ constexpr const char* daemonPath = "/com/brovik/velmdaemon";
 constexpr const char* daemonInterface = "com.brovik.XpcDaemonProtocol";
 constexpr const char* agentPath = "/com/brovik/velmmonitord";
 constexpr const char* agentInterface = "com.brovik.XpcAgentProtocol";
+constexpr const char* busName = "org.freedesktop.DBus";
+constexpr const char* busPath = "/org/freedesktop/DBus";
 
 /// Who is at the other end, by the unique names of their connections to the bus.
 using Agents = std::map<std::string, std::string>;
 
 std::string userOf(sd_bus_message* call) {
-    sd_bus_creds* creds = nullptr;
-    uid_t uid = 0;
     // The bus knows who sent a message; nothing that the message says is to be trusted for that.
-    const bool known = sd_bus_query_sender_creds(call, SD_BUS_CREDS_EUID, &creds) >= 0 &&
-                       sd_bus_creds_get_euid(creds, &uid) >= 0;
-    sd_bus_creds_unref(creds);
+    sd_bus_message* answer = nullptr;
+    std::uint32_t uid = 0;
+    const bool known =
+        sd_bus_call_method(sd_bus_message_get_bus(call), busName, busPath, busName, "GetConnectionUnixUser",
+                           nullptr, &answer, "s", sd_bus_message_get_sender(call)) >= 0 &&
+        sd_bus_message_read(answer, "u", &uid) >= 0;
+    sd_bus_message_unref(answer);
     const passwd* entry = known ? getpwuid(uid) : nullptr;
-    return entry != nullptr ? entry->pw_name : "user " + std::to_string(uid);
+    if (entry != nullptr) {
+        return entry->pw_name;
+    }
+    return known ? "user " + std::to_string(uid) : "somebody who has gone";
 }
 
 const std::string& introduce(sd_bus_message* call, Agents& agents) {
@@ -113,7 +121,7 @@ int onNameOwnerChanged(sd_bus_message* signal, void* agents, sd_bus_error* /*err
     const char* now = nullptr;
     const char* const sender = sd_bus_message_get_sender(signal);
     // Anyone may send us such a signal; only the bus's own counts.
-    if (sender == nullptr || std::strcmp(sender, "org.freedesktop.DBus") != 0 ||
+    if (sender == nullptr || std::strcmp(sender, busName) != 0 ||
         sd_bus_message_read(signal, "sss", &name, &before, &now) < 0 || now[0] != '\0') {
         return 0;
     }
@@ -145,14 +153,27 @@ void check(int result, const char* doing) {
     }
 }
 
+// As sd_bus_open_system(3), but no file descriptors are accepted: any user could send one whose close()
+// blocks.
+sd_bus* openSystemBus() {
+    sd_bus* bus = nullptr;
+    const char* const address = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    check(sd_bus_new(&bus), "cannot make a bus");
+    check(sd_bus_set_address(bus, address != nullptr ? address : "unix:path=/run/dbus/system_bus_socket"),
+          "there is something wrong with DBUS_SYSTEM_BUS_ADDRESS");
+    check(sd_bus_set_bus_client(bus, 1), "cannot be a client of a bus");
+    check(sd_bus_negotiate_fds(bus, 0), "cannot refuse descriptors");
+    check(sd_bus_start(bus), "cannot reach the system bus");
+    return bus;
+}
+
 void serve() {
     Agents agents;
-    sd_bus* bus = nullptr;
-    check(sd_bus_open_system(&bus), "cannot reach the system bus");
+    sd_bus* const bus = openSystemBus();
     check(sd_bus_add_object_vtable(bus, nullptr, daemonPath, daemonInterface, methods.data(), &agents),
           "cannot offer the interface");
-    check(sd_bus_match_signal(bus, nullptr, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                              "org.freedesktop.DBus", "NameOwnerChanged", onNameOwnerChanged, &agents),
+    check(sd_bus_match_signal(bus, nullptr, busName, busPath, busName, "NameOwnerChanged", onNameOwnerChanged,
+                              &agents),
           "cannot watch for agents that go");
     check(sd_bus_request_name(bus, serviceName, 0), "cannot own com.brovik.velmdaemon");
     std::puts("ready");
