@@ -2,6 +2,7 @@
 
 import json
 import os
+import stat
 import xml.etree.ElementTree as ElementTree
 
 import points_users
@@ -42,6 +43,7 @@ def prepare(world):
 def install_for_logged_in_user(world):
     world.apt("install", *world.package_files("previous"))
     world.alice.wait_for_agent()
+    assert world.alice.ownership(world.alice.log_path().parent).endswith(" 0755"), "that is not the previous version"
     world.alice.wait_for_messages(0, "velmmonitord started", "Monitor launcher is running")
 
 
@@ -111,6 +113,8 @@ def upgrade(world):
         description = user.systemctl("show", "--property=Description", "--value", UNIT).strip()
         assert description == "Velm monitor agent", f"{user.name}'s manager still has the unit of the {description!r}"
     assert world.container.run("dpkg-query", "--show", "--showformat=${Version}", "velmmonitord") != "0.9.0"
+    mode = stat.S_IMODE(world.container.path(f"usr/lib/systemd/user/{UNIT}").stat().st_mode)
+    assert mode == 0o644, f"the unit still has the mode {mode:04o}"
     world.daemon.stop()
 
 

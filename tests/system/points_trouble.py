@@ -12,8 +12,8 @@ FAILURE = "[ERROR] Failed to create or open log file at path = "
 def points(report, world):
     report.check("an agent that crashed is started again, and links again", crash, world)
     report.check("full logs become three backups, the oldest goes, with the same owner and mode", rotation, world)
-    report.check("a home that cannot be written: one line in the system log, and the agent works", read_only_home,
-                 world)
+    report.check("a home that cannot be written: one line in the system log, and the agent works", closed_home, world)
+    report.check("a home on a read-only file system: the same", read_only_home, world)
     report.check("a full disk at start: the agent works without its log", full_disk, world)
     report.check("a home that vanishes: the agent works on, also when it is started anew", vanished_home, world)
     report.check("a program replaced, and then removed, under the agents that run it: they go on", replaced_program, world)
@@ -74,15 +74,28 @@ def linked_quietly(world, user, since):
     assert user.systemctl("show", "--property=NRestarts", "--value", UNIT).strip() == "0"
 
 
-def read_only_home(world):
+def works_without_its_log(world, user):
+    since = world.daemon.mark()
+    session = user.log_in()
+    linked_quietly(world, user, since)
+    assert not user.log_path().exists()
+    assert system_log(world, user) == [FAILURE + f"/home/{user.name}/Library/Logs/velmmonitord.log"]
+    session.logout()
+
+
+def closed_home(world):
     frank = User(world.container, "frank")
     world.container.run("chown", "root:root", "/home/frank")
-    since = world.daemon.mark()
-    session = frank.log_in()
-    linked_quietly(world, frank, since)
-    assert not frank.log_path().exists()
-    assert system_log(world, frank) == [FAILURE + "/home/frank/Library/Logs/velmmonitord.log"]
-    session.logout()
+    works_without_its_log(world, frank)
+
+
+def read_only_home(world):
+    ruth = User(world.container, "ruth")
+    home = "/home/ruth"
+    world.container.run("mount", "--bind", home, home)
+    world.container.run("mount", "-o", "remount,bind,ro", home)
+    assert not ruth.container.succeeds("touch", f"{home}/file")
+    works_without_its_log(world, ruth)
 
 
 def system_log(world, user):

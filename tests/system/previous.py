@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Makes, of the packages that were built, what stands for the version that users have now.
 
-It is older, and different in what an upgrade must replace: another unit, another program, no helper for the
-maintainer scripts. Usage: previous.py FROM TO
+It is older, and different in what an upgrade must replace: another unit, of another mode, another program, log
+directories open to everybody, no helper for the maintainer scripts. Usage: previous.py FROM TO
 """
 
 import pathlib
@@ -22,6 +22,8 @@ def older_agent(tree):
     unit.write_text(text)
     replace(unit, ("Description=Velm monitor agent", "Description=Older agent"), ("RestartSec=5s", "RestartSec=25s"),
             ("StandardOutput=null", "StandardOutput=journal"))
+    unit.chmod(0o664)
+    replace(tree / "usr/share/user-tmpfiles.d/velmmonitord.conf", (":0700", ":0755"))
     # Programs of two versions are never the same bytes.
     with open(tree / "usr/sbin/velmmonitord", "ab") as program:
         program.write(b"older")
