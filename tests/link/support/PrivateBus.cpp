@@ -108,6 +108,9 @@ void PrivateBus::writeConfig() const {
         << " own=\"*\"/>\n"
            "    <allow send_destination=\"*\"/>\n"
            "    <allow receive_sender=\"*\"/>\n"
+           "    <"
+        << m_signalsOfNamesAre
+        << " receive_interface=\"org.freedesktop.DBus\" receive_member=\"NameOwnerChanged\"/>\n"
            "  </policy>\n"
            "</busconfig>\n";
 }

@@ -37,6 +37,9 @@ public:
     void boundQueues(std::size_t bytes);
     /// From the next `start` on, the bus lets nobody own a name.
     void forbidNames() { m_namesAre = "deny"; }
+    /// From the next `start` on, nobody is told who gets or loses a name, as if every queue were full just
+    /// then. dbus-daemon only.
+    void hideNewOwners() { m_signalsOfNamesAre = "deny"; }
 
     /// Returns once the bus listens. May follow a `stop`, at the same address.
     void start();
@@ -63,6 +66,7 @@ private:
     std::string m_configPath;
     std::string m_limits;
     std::string m_namesAre = "allow";
+    std::string m_signalsOfNamesAre = "allow";
     std::unique_ptr<SystemLogSocket> m_journal;
     std::unique_ptr<ChildProcess> m_process;
 };

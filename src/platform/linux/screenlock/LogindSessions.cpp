@@ -138,8 +138,17 @@ void LogindSessions::takeList(const std::set<std::string>& own, const std::set<s
     }
 }
 
+// A stranger may be a logind that the bus did not tell us of.
+bool LogindSessions::sentByLogind(sd_bus_message* message) {
+    const bool sent = m_owner->sent(message);
+    if (!sent) {
+        m_owner->ask();
+    }
+    return sent;
+}
+
 void LogindSessions::sessionNew(sd_bus_message* message) {
-    if (m_owner->sent(message)) {
+    if (sentByLogind(message)) {
         list();
         lookAgainAtHints();
     }
@@ -147,7 +156,7 @@ void LogindSessions::sessionNew(sd_bus_message* message) {
 
 void LogindSessions::sessionRemoved(sd_bus_message* message) {
     const char* path = nullptr;
-    if (m_owner->sent(message) && sd_bus_message_read(message, "so", nullptr, &path) >= 0) {
+    if (sentByLogind(message) && sd_bus_message_read(message, "so", nullptr, &path) >= 0) {
         const std::string session = path;
         m_own.erase(session);
         m_foreign.erase(session);
@@ -167,7 +176,7 @@ void LogindSessions::lookAgainAtHints() {
 
 void LogindSessions::propertiesChanged(sd_bus_message* message) {
     const char* interface = nullptr;
-    if (!m_owner->sent(message) || sd_bus_message_read(message, "s", &interface) < 0 ||
+    if (!sentByLogind(message) || sd_bus_message_read(message, "s", &interface) < 0 ||
         std::strcmp(interface, sessionInterface) != 0) {
         return;
     }

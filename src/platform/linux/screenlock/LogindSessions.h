@@ -48,6 +48,7 @@ private:
     void list();
     void listed(sd_bus_message* message);
     void takeList(const std::set<std::string>& own, const std::set<std::string>& foreign);
+    bool sentByLogind(sd_bus_message* message);
     void sessionNew(sd_bus_message* message);
     void sessionRemoved(sd_bus_message* message);
     void propertiesChanged(sd_bus_message* message);

@@ -460,6 +460,20 @@ TEST_F(ScreenLockSourceTest, IgnoresMalformedAnswersAndAsksAgain) {
     EXPECT_THAT(m_reports, ElementsAre(false));
 }
 
+TEST_F(ScreenLockSourceTest, NoticesALogindThatTheBusDidNotTellOfWhenItSpeaks) {
+    m_systemBus.hideNewOwners();
+    startWithOneSession();
+    m_logind.reset();
+    m_logind = std::make_unique<FakeLogind>(loop(), m_systemBus.address());
+    m_logind->have("s1", ownSession());
+    m_logind->setHint("s1", true);
+    ASSERT_TRUE(waitForQuestions(1));
+    m_logind->setHint("s1", false);
+    ASSERT_TRUE(waitForReports(1));
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(false, true, false));
+}
+
 TEST_F(ScreenLockSourceTest, ComesBackAfterTheBusWasLost) {
     startWithOneSession();
     m_logind->setHint("s1", true);
