@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -19,6 +20,9 @@ std::chrono::seconds floodLength() {
     const char* const wanted = std::getenv("VELM_FLOOD_SECONDS");
     return std::chrono::seconds(wanted == nullptr ? 5 : std::atoi(wanted));
 }
+
+/// So many it must be at least; a machine that hardly runs the attacker gets the time for it.
+constexpr std::uint64_t fewestSignals = 100;
 
 class LargeSignals : public FaultTest {
 protected:
@@ -78,7 +82,11 @@ TEST_F(LargeSignals, OfAStrangerOnFourConnectionsCostNeitherMemoryNorTimeNorAnEv
     Times flooded;
     const auto start = Clock::now();
     SignalFlood flood(bus.address(), intruderUser, victims);
-    while (Clock::now() - start < floodLength()) {
+    const auto underAttack = [&] {
+        const auto passed = Clock::now() - start;
+        return passed < floodLength() || (flood.sent() < fewestSignals && passed < floodLength() + waitCap);
+    };
+    while (underAttack()) {
         addEvent(flooded);
         pumpFor(milliseconds(100));
         most = std::max(most, resourcesOf(agent->pid()).memory);
@@ -90,8 +98,7 @@ TEST_F(LargeSignals, OfAStrangerOnFourConnectionsCostNeitherMemoryNorTimeNorAnEv
     std::cout << "calm: " << summaryOf(calm) << "\nflooded for " << length.count() << " s by " << flood.sent()
               << " signals of 1 MiB: " << summaryOf(flooded) << ", " << share << " of a processor, memory "
               << before.memory << " KiB before, " << most << " KiB at most\n";
-    // The attack took place.
-    EXPECT_GT(flood.sent(), 10U * static_cast<std::uint64_t>(length.count()));
+    EXPECT_GE(flood.sent(), fewestSignals);
     EXPECT_LT(share, 0.5);
     EXPECT_LT(most, before.memory + 16UL * 1024 * VELM_MEMORY_FACTOR) << "KiB";
     EXPECT_LT(*std::max_element(flooded.events.begin(), flooded.events.end()), std::chrono::seconds(10));
