@@ -23,6 +23,10 @@ using Lines = std::vector<std::string>;
 
 class AdapterTest : public WorldTest {};
 
+TEST_F(AdapterTest, ReachesTheSystemsServiceThoughTheUserHasOneOfThatName) {
+    linked();
+}
+
 TEST_F(AdapterTest, SendsEachCallWithItsSelectorTypesAndValues) {
     const auto link = linked();
     const auto daemon = link->remoteObjectProxy();

@@ -6,9 +6,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <stdexcept>
+
 namespace {
 
 constexpr int patienceMilliseconds = 20000;
+
+void load(const std::string& service) {
+    close(open((service + ".job").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+}
 
 bool readable(int descriptor) {
     pollfd waited{descriptor, POLLIN, 0};
@@ -17,20 +23,29 @@ bool readable(int descriptor) {
 
 }  // namespace
 
-Peer::Peer(const std::string& directory)
-    : m_service(directory + "/system/com.brovik.velmdaemon"),
-      m_listening(doubles::listenAt(m_service + ".socket")) {
-    close(open((m_service + ".job").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+Peer::Peer(const std::string& directory) : m_service(directory + "/system/com.brovik.velmdaemon") {
+    const std::string users = directory + "/user/com.brovik.velmdaemon";
+    m_listening = doubles::listenAt(m_service + ".socket");
+    m_usersListening = doubles::listenAt(users + ".socket");
+    load(m_service);
+    load(users);
 }
 
 Peer::~Peer() {
     die();
     close(m_listening);
+    close(m_usersListening);
 }
 
 void Peer::accept() {
     die();
-    ASSERT_TRUE(readable(m_listening)) << "no connection came";
+    pollfd both[]{{m_listening, POLLIN, 0}, {m_usersListening, POLLIN, 0}};
+    if (poll(both, 2, patienceMilliseconds) < 1) {
+        throw std::runtime_error("no connection came");
+    }
+    if (both[1].revents != 0) {
+        throw std::runtime_error("a connection came to the user's service, not to the system's");
+    }
     m_socket = accept4(m_listening, nullptr, nullptr, SOCK_CLOEXEC);
 }
 

@@ -19,7 +19,8 @@ inline bool eventually(const std::function<bool()>& condition) {
     return false;
 }
 
-/// The daemon's end, spoken on the wire, so that it can do what no NSXPC daemon would. For one thread.
+/// The daemon's end, spoken on the wire, so that it can do what no NSXPC daemon would. For one thread. The
+/// user has a service of the same name, which nobody should reach.
 class Peer {
 public:
     explicit Peer(const std::string& directory);
@@ -27,7 +28,8 @@ public:
     Peer& operator=(const Peer&) = delete;
     ~Peer();
 
-    /// Takes the next connection; the one before is closed.
+    /// Takes the next connection; the one before is closed. Throws if none comes, or one to the user's
+    /// service.
     void accept();
     /// The next frame of the agent; fails the test if none comes.
     doubles::Frame read();
@@ -46,5 +48,6 @@ public:
 private:
     const std::string m_service;
     int m_listening;
+    int m_usersListening;
     int m_socket = -1;
 };
