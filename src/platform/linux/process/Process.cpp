@@ -1,27 +1,17 @@
 #include "platform/Process.h"
 
-#include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <csignal>
 
+#include "platform/StandardStreams.h"
 #include "platform/linux/process/LocalTime.h"
 #include "platform/linux/process/StandardOutput.h"
 
 namespace platform {
 
 namespace {
-
-// Otherwise the log file or a bus would get the number of a closed stream, and what is meant for the stream.
-void occupyStandardStreams() {
-    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-        if (fcntl(stream, F_GETFD) < 0) {
-            static_cast<void>(open("/dev/null", O_RDWR));
-        }
-    }
-}
 
 // Otherwise each of the first threads gets a heap of its own, whose pages it keeps to itself for a few
 // hundred bytes. There is no traffic here for which threads would wait for each other. mallopt(3).
