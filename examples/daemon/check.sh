@@ -47,6 +47,6 @@ clang++ -target x86_64-apple-macosx10.12 -x objective-c++ -std=c++17 -fblocks -f
     -U__nonnull -D_GNU_SOURCE "-D__$(uname -m)__" -Wno-builtin-macro-redefined -nostdinc++ \
     -isystem tests/macos/sdk -isystem tests/macos/libc "${host_headers[@]/#/-isystem}" \
     -fsyntax-only examples/daemon/macos/daemon.m || fail "macos/daemon.m does not compile"
-echo "macos/daemon.m compiles, and declares the contract as the agent does. It is not run here."
+echo "macos/daemon.m compiles, and declares the contract as the agent does; tests/macos/run/check.sh runs it."
 
 echo "The example daemons run as they should."

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs the macOS side on Linux: the adapters, the agent and the stand-in, over a test-only Objective-C runtime and doubles
-# of the frameworks, under the address and undefined-behaviour sanitizers.
+# Runs the macOS side on Linux: the adapters, the agent, the stand-in and the example daemon, over a test-only Objective-C
+# runtime and doubles of the frameworks, under the address and undefined-behaviour sanitizers.
 #
 # Usage: tests/macos/run/check.sh [BUILD_DIR [LINUX_BUILD_DIR]]        status 77: it can't be done here
 #
@@ -24,6 +24,7 @@ launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_OBJCXX_COMPILER_LAUNCHER=ccache)
 
 mkdir -p "$build"
+rm -f "$build"/shard.*.log
 log=$build/build.log
 { cmake -G Ninja -S "$here" -B "$build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_OBJCXX_COMPILER="$compiler" \
     "${launcher[@]}" && cmake --build "$build" -j "$(nproc)"; } >"$log" 2>&1 || {
@@ -32,9 +33,10 @@ log=$build/build.log
     exit 1
 }
 
-# Most of a test's time is waiting for a second to pass, so many run at once. After a failure nothing is waited for.
+# Most of a test's time is waiting for a second to pass, within one process losses even wait for each other: so many run
+# at once. After a failure nothing is waited for.
 export GTEST_FAIL_FAST=1
-shards=8
+shards=30
 pids=()
 for ((i = 0; i < shards; i++)); do
     GTEST_TOTAL_SHARDS=$shards GTEST_SHARD_INDEX=$i timeout 300 "$build/adapter_test" >"$build/shard.$i.log" 2>&1 &
@@ -42,6 +44,8 @@ for ((i = 0; i < shards; i++)); do
 done
 /usr/bin/python3 -B "$here/play.py" "$root" "$build" ${linux_build:+"$linux_build"} >"$build/play.log" 2>&1 &
 play=$!
+/usr/bin/python3 -B "$here/example.py" "$root" "$build" >"$build/example.log" 2>&1 &
+example=$!
 failed=0
 for ((i = 0; i < shards; i++)); do
     wait "${pids[i]}" || { failed=1; grep -vE '^\[ *(OK|RUN) |^\[-+\]' "$build/shard.$i.log" | tail -n 40 >&2; }
@@ -52,4 +56,6 @@ echo "the adapters, in every reading of what Apple leaves open:"
 echo "$((passed)) passed, $((bad)) failed"
 wait "$play" || { failed=1; cat "$build/play.log" >&2; }
 tail -n 1 "$build/play.log"
-((failed == 0)) || { echo "(all of it: $build/shard.*.log $build/play.log)" >&2; exit 1; }
+wait "$example" || { failed=1; cat "$build/example.log" >&2; }
+tail -n 1 "$build/example.log"
+((failed == 0)) || { echo "(all of it: $build/{shard.*,play,example}.log)" >&2; exit 1; }

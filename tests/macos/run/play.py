@@ -4,104 +4,15 @@ compares the agent's log and the daemon's record, line by line, with those of th
 Usage: play.py ROOT MACOS_BUILD [LINUX_BUILD]        without the last, only plays
 """
 
+import concurrent.futures
 import os
 import re
 import shutil
 import subprocess
 import sys
 import tempfile
-import threading
-import time
 
-SERVICE = "com.brovik.velmdaemon"
-
-
-class Stage:
-    """What the steps of the script need, with files in the place of launchd and of the notification centres."""
-
-    def __init__(self, directory, build, timeline):
-        self.timeline = timeline
-        self.directory = directory
-        self.log = os.path.join(directory, "home/Library/Logs/velmmonitord.log")
-        self._build = build
-        self._agent = self._daemon = self._events = None
-        events = os.path.join(directory, "events")
-        self._environment = {**os.environ, "HOME": os.path.join(directory, "home"), "VELM_DOUBLES_DIRECTORY": directory,
-                             "VELM_DOUBLES_EVENTS": events}
-
-    def build(self):
-        for name in ("system", "user", os.path.dirname(self.log)):
-            os.makedirs(os.path.join(self.directory, name))
-        # The job is loaded all the time; its program is not always there.
-        open(os.path.join(self.directory, "system", SERVICE + ".job"), "wb").close()
-        events = self._environment["VELM_DOUBLES_EVENTS"]
-        os.mkfifo(events)
-        self._events = os.open(events, os.O_RDWR)
-
-    def start_daemon(self):
-        self._daemon = self._start("velmdaemon-sim", stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        threading.Thread(target=self._read_daemon, args=(self._daemon.stdout,), daemon=True).start()
-
-    def start_agent(self):
-        self._agent = self._start("velmmonitord", stdout=subprocess.DEVNULL)
-        threading.Thread(target=self._follow_log, daemon=True).start()
-
-    def tell_daemon(self, command):
-        self._daemon.stdin.write(command + "\n")
-        self._daemon.stdin.flush()
-
-    def kill_daemon(self):
-        self._daemon.kill()
-        self._daemon.wait()
-
-    def agent_status(self):
-        return self._agent.poll()
-
-    def set_locked(self, locked):
-        self._post("distributed", "com.apple.screenIsLocked" if locked else "com.apple.screenIsUnlocked")
-
-    def change_zone(self):
-        self._post("local", "kCFTimeZoneSystemTimeZoneDidChangeNotification")
-
-    def strike(self):
-        for process in (self._agent, self._daemon):
-            if process is not None and process.poll() is None:
-                process.kill()
-                process.wait()
-        if self._events is not None:
-            os.close(self._events)
-
-    def complaints(self):
-        for name in ("velmmonitord", "velmdaemon-sim"):
-            path = os.path.join(self.directory, name + ".errors")
-            if os.path.exists(path):
-                with open(path, encoding="utf-8", errors="replace") as file:
-                    yield from (f"{name}: {line.rstrip()}" for line in file)
-
-    def _post(self, center, name):
-        os.write(self._events, f"{center} {name}\n".encode())
-
-    def _start(self, program, **streams):
-        with open(os.path.join(self.directory, program + ".errors"), "ab") as errors:
-            return subprocess.Popen([os.path.join(self._build, program)], env=self._environment, stderr=errors,
-                                    **{"stdin": subprocess.DEVNULL, **streams})
-
-    def _read_daemon(self, stream):
-        for line in stream:
-            self.timeline.add("daemon", line.rstrip("\n"))
-
-    def _follow_log(self):
-        while not os.path.exists(self.log):
-            time.sleep(0.005)
-        rest = ""
-        with open(self.log, encoding="utf-8") as file:
-            while True:
-                rest += file.readline()
-                if rest.endswith("\n"):
-                    self.timeline.add("agent", rest[:-1])
-                    rest = ""
-                else:
-                    time.sleep(0.005)
+from mac_stage import MacStage
 
 
 def zone(stage, timeline):
@@ -117,7 +28,7 @@ def perform(play, timeline_module, build):
     """Plays it here; returns whether all of it happened, and the lines of each step."""
     directory = tempfile.mkdtemp(prefix="velm-macos-play.", dir="/tmp")
     timeline = timeline_module.Timeline(False)
-    stage = Stage(directory, build, timeline)
+    stage = MacStage(directory, build, timeline)
     steps = {}
     try:
         for name in STEPS:
@@ -182,11 +93,14 @@ def main(root, macos_build, linux_build=None):
     sys.path.insert(0, os.path.join(root, "tools/demo"))
     import play
     import timeline
-    here = perform(play, timeline, macos_build)
     if linux_build is None:
+        here = perform(play, timeline, macos_build)
         print("the demonstration's script was played, and compared with nothing" if here else "the script was not played")
         return 0 if here else 1
-    there = demonstrate(root, play, linux_build)
+    with concurrent.futures.ThreadPoolExecutor() as pool:
+        demonstration = pool.submit(demonstrate, root, play, linux_build)
+        here = perform(play, timeline, macos_build)
+        there = demonstration.result()
     if here is None or there is None:
         print("the script was not played to its end")
         return 1
