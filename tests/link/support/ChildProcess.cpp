@@ -14,19 +14,10 @@
 #include <system_error>
 
 #include "link/support/Await.h"
+#include "support/ArgumentPointers.h"
 
 namespace link_tests {
 namespace {
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
-}
 
 void report(int pipeEnd, const std::string& failure) {
     // The exit status tells it as well, should even this fail.

@@ -49,6 +49,20 @@ void end(cmn::BaseTimer& timer) {
     EXPECT_TRUE(eventually([&] { return idle(timer); }));
 }
 
+// A callback that takes its time.
+struct Slow {
+    std::atomic<bool> inside{false};
+    std::atomic<bool> over{false};
+    std::function<void()> callback = [this] {
+        inside = true;
+        std::this_thread::sleep_for(a_while);
+        over = true;
+    };
+    bool begins() {
+        return eventually([&] { return inside.load(); });
+    }
+};
+
 struct Counted {
     std::atomic<int> calls{0};
     std::function<void()> callback = [this] { ++calls; };
@@ -598,40 +612,24 @@ TEST(BaseTimer, WaitsForTheTaskWhenItIsDestroyedAndTicksNoMore) {
     }
     EXPECT_EQ(counted.calls, 0);
 
-    std::atomic<bool> inside{false};
-    std::atomic<bool> over{false};
+    Slow slow;
     {
-        cmn::BaseTimer timer(
-            1ms,
-            [&] {
-                inside = true;
-                std::this_thread::sleep_for(a_while);
-                over = true;
-            },
-            true);
+        cmn::BaseTimer timer(1ms, slow.callback, true);
         timer.run();
-        EXPECT_TRUE(eventually([&] { return inside.load(); }));
+        EXPECT_TRUE(slow.begins());
     }
-    EXPECT_TRUE(over);
+    EXPECT_TRUE(slow.over);
 }
 
 TEST(BaseTimer, WaitsForTheTaskOfAStoppedTimerToo) {
-    std::atomic<bool> inside{false};
-    std::atomic<bool> over{false};
+    Slow slow;
     {
-        cmn::BaseTimer timer(
-            1ms,
-            [&] {
-                inside = true;
-                std::this_thread::sleep_for(a_while);
-                over = true;
-            },
-            false);
+        cmn::BaseTimer timer(1ms, slow.callback, false);
         timer.run();
-        EXPECT_TRUE(eventually([&] { return inside.load(); }));
+        EXPECT_TRUE(slow.begins());
         timer.stop();
     }
-    EXPECT_TRUE(over);
+    EXPECT_TRUE(slow.over);
 }
 
 TEST(BaseTimer, IsDeadAfterACallbackThatThrowsUntilAResetCollectsTheException) {

@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include "support/ArgumentPointers.h"
+
 namespace {
 
 constexpr std::chrono::seconds cap{60};
@@ -36,12 +38,7 @@ void closeOnce(int& fd) {
                          const std::vector<std::string>& environment) {
     std::signal(SIGPIPE, SIG_DFL);
     std::vector<std::string> texts = arguments;
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
+    const std::vector<char*> pointers = pointersTo(texts);
     for (const std::string& variable : environment) {
         const std::size_t equals = variable.find('=');
         setenv(variable.substr(0, equals).c_str(), variable.substr(equals + 1).c_str(), 1);

@@ -594,6 +594,21 @@ protected:
     bool waitUntilAsked() {
         return runUntil([this] { return m_saver->asked() > 0; });
     }
+    /// One own session with a saver that is not active, and is known.
+    bool startWithSaverInOneSession() {
+        m_sessionBus.start();
+        startSaver("org.mate.ScreenSaver");
+        startWithOneSession();
+        return waitUntilAsked();
+    }
+    /// The same, with another session without a screen.
+    bool startWithSaverAndRemoteSession() {
+        if (!startWithSaverInOneSession()) {
+            return false;
+        }
+        m_logind->add("ssh", ownRemoteSession());
+        return waitForQuestions(2);
+    }
 
     std::unique_ptr<FakeSaver> m_saver;
 };
@@ -653,10 +668,7 @@ TEST_F(ScreenSaverTest, IsBelievedOnlyWhenItOwnsTheName) {
 }
 
 TEST_F(ScreenSaverTest, IsReportedAsUnlockedWhenItVanishesFromAnOpenSessionWhileActive) {
-    m_sessionBus.start();
-    startSaver("org.mate.ScreenSaver");
-    startWithOneSession();
-    ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(startWithSaverInOneSession());
     m_saver->setActive(true);
     ASSERT_TRUE(waitForReports(1));
     m_saver.reset();
@@ -667,12 +679,7 @@ TEST_F(ScreenSaverTest, IsReportedAsUnlockedWhenItVanishesFromAnOpenSessionWhile
 }
 
 TEST_F(ScreenSaverTest, IsNotReportedWhenItVanishesWithItsSession) {
-    m_sessionBus.start();
-    startSaver("org.mate.ScreenSaver");
-    startWithOneSession();
-    m_logind->add("ssh", ownRemoteSession());
-    ASSERT_TRUE(waitForQuestions(2));
-    ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(startWithSaverAndRemoteSession());
     m_saver->setActive(true);
     ASSERT_TRUE(waitForReports(1));
     m_saver.reset();
@@ -688,12 +695,7 @@ TEST_F(ScreenSaverTest, IsNotReportedWhenItVanishesWithItsSession) {
 }
 
 TEST_F(ScreenSaverTest, IsNotReportedWhenOnlyARemoteShellIsLeft) {
-    m_sessionBus.start();
-    startSaver("org.mate.ScreenSaver");
-    startWithOneSession();
-    m_logind->add("ssh", ownRemoteSession());
-    ASSERT_TRUE(waitForQuestions(2));
-    ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(startWithSaverAndRemoteSession());
     m_saver->setActive(true);
     ASSERT_TRUE(waitForReports(1));
     m_logind->remove("s1");
@@ -705,10 +707,7 @@ TEST_F(ScreenSaverTest, IsNotReportedWhenOnlyARemoteShellIsLeft) {
 }
 
 TEST_F(ScreenSaverTest, IsStillLockedWhenItIsBackInTime) {
-    m_sessionBus.start();
-    startSaver("org.mate.ScreenSaver");
-    startWithOneSession();
-    ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(startWithSaverInOneSession());
     m_saver->setActive(true);
     ASSERT_TRUE(waitForReports(1));
     m_saver.reset();
@@ -721,10 +720,7 @@ TEST_F(ScreenSaverTest, IsStillLockedWhenItIsBackInTime) {
 }
 
 TEST_F(ScreenSaverTest, IsNotListenedToWhileASessionLivesThatHasSetItsHint) {
-    m_sessionBus.start();
-    startSaver("org.mate.ScreenSaver");
-    startWithOneSession();
-    ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(startWithSaverInOneSession());
     lockAndUnlock();
     m_saver->setActive(true);
     m_saver->setActive(false);
