@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "link/faults/FaultTest.h"
+#include "link/support/DrippingBus.h"
 #include "link/support/SilentBus.h"
 
 namespace link_tests {
@@ -173,6 +174,35 @@ TEST_F(SystemFault, TwentyRestartsOfLogindLeaveNothingBehind) {
     ASSERT_TRUE(awaitSessionRead(ownSession, reads + 1));
     expectThatAllWorks();
     expectNoMoreThan(before);
+    expectAQuickEnd();
+}
+
+TEST_F(SystemFault, ABusThatAnswersByteByByteIsLinkedOverAllTheSame) {
+    startSystem();
+    const DrippingBus dripping(machine.pathOf("dripping"), bus.socketPath(), agentUser);
+    options.systemBus = "unix:path=" + machine.pathOf("dripping");
+    startAgent();
+    relink();
+    ASSERT_TRUE(agent->log().await(message::connected));
+    awaitReady();
+    // What was asked has been answered; the answers come late.
+    for (std::size_t given = 0; given != dripping.given();) {
+        given = dripping.given();
+        pumpFor(milliseconds(2000));
+    }
+    expectThatAllWorks();
+    EXPECT_GT(dripping.given(), 1000U);
+    EXPECT_EQ(agent->log().count(message::disconnected), 0U);
+    expectAQuickEnd();
+}
+
+TEST_F(SystemFault, ABusThatAnswersByteByByteDoesNotHoldTheEndUp) {
+    startSystem();
+    const DrippingBus dripping(machine.pathOf("dripping"), bus.socketPath(), agentUser);
+    options.systemBus = "unix:path=" + machine.pathOf("dripping");
+    startAgent();
+    // In the middle of the greeting.
+    ASSERT_TRUE(await([&] { return dripping.given() >= 20; }));
     expectAQuickEnd();
 }
 
