@@ -13,6 +13,17 @@
 
 namespace {
 
+// Nobody outside sees the logger's own strategy. An explicit instantiation may name what is private
+// ([temp.spec.general]).
+std::shared_ptr<Logging::SizeRotationStrategy> ownStrategy(Logging::Logger& logger);
+template <auto Member>
+struct Reveal {
+    friend std::shared_ptr<Logging::SizeRotationStrategy> ownStrategy(Logging::Logger& logger) {
+        return logger.*Member;
+    }
+};
+template struct Reveal<&Logging::Logger::m_sizeRotationStrategy>;
+
 using Logging::DestinationFactory;
 using Logging::Logger;
 using Logging::LogRotationOption;
@@ -175,6 +186,13 @@ TEST_F(DefaultLogTest, KeepsThreeOldFiles) {
     EXPECT_EQ(readFile(m_path + "2"), lineAboveTheLimit('c') + "\n");
     EXPECT_EQ(readFile(m_path + "3"), lineAboveTheLimit('b') + "\n");
     EXPECT_FALSE(std::filesystem::exists(m_path + "4"));
+}
+
+TEST_F(DefaultLogTest, SetsUpTheLoggersOwnStrategyAndNoOther) {
+    EXPECT_EQ(ownStrategy(Logger::instance())->getBackupCount(), 0);
+    Logger::instance().initAsDefault(m_path);
+    EXPECT_EQ(ownStrategy(Logger::instance())->getBackupCount(), 3);
+    EXPECT_EQ(ownStrategy(Logger::instance())->getPathName(), m_path);
 }
 
 TEST_F(DefaultLogTest, ARotationThatFailsLosesTheLineInTheFileOnly) {
