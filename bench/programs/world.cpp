@@ -1,11 +1,11 @@
 // What an agent lives beside: logind with one session of this user, and the management daemon, on the bus
 // that DBUS_SYSTEM_BUS_ADDRESS names. Usage: bench_world WHAT [NUMBER]
 //
-//   absent             plays logind alone: nobody has the daemon's name
-//   serve              plays both until its standard input ends; confirms every connect, and prints "connect"
-//   for each latency NUMBER     the same, then that many lock changes one by one: from the signal to the
-//   daemon's receipt burst NUMBER       the same, then that many at once: until the daemon has received them
-//   all
+//   absent           plays logind alone: nobody has the daemon's name
+//   serve            plays both until its standard input ends; confirms every connect, and says so
+//   latency NUMBER   the same, then so many lock changes, one by one: each from the signal to the receipt
+//   burst NUMBER     the same, then so many at once: until the daemon has received them all
+//   messages NUMBER  the same, then so many messages to the agent: until it has taken them all
 //
 // latency and burst wait for a client to be up, which shows in that the daemon receives a change; so they
 // measure clients that never connect as well.

@@ -19,10 +19,9 @@ inline constexpr XpcConnectionOptions xpcConnectionPrivileged = 4096;
 /// what is sent before is lost. A connection keeps its exported object alive for as long as it exists itself.
 ///
 /// What it promises, whatever the system underneath does:
-/// - It reports one loss: through one of its handlers, called once. None before something was sent on it,
-/// none
-///   after it was released. Over the process, losses are at least a second apart, and none follows a
-///   delivered call or reply within 100 ms.
+/// - It reports one loss: through one of its handlers, called once. None before something was sent on it, and
+///   none after it was released. Over the process, losses are at least a second apart, and none follows a
+///   delivered call or reply within 1.1 s.
 /// - Calls and replies are delivered once something was sent on it (until then they wait), and not after its
 ///   loss was reported or it was released.
 /// - Handlers, replies and calls to the exported object run one at a time, in order, on the connection's

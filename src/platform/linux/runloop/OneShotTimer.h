@@ -1,7 +1,6 @@
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
 
 #include "platform/linux/runloop/EventHandles.h"
