@@ -12,6 +12,8 @@ import subprocess
 import sys
 import tempfile
 
+from arguments import add_common
+
 # From the most to the least. A second user id, for the intruder, comes with real root, or with subordinate ids.
 NAMESPACES = [
     ["unshare", "--mount"],
@@ -70,11 +72,7 @@ def run_stage(namespace, directory, arguments):
 
 def main():
     parser = argparse.ArgumentParser()
-    parser.add_argument("--stay", action="store_true")
-    parser.add_argument("--daemon-command", help="instead of the stand-in")
-    parser.add_argument("--daemon-directory", help="where that command runs")
-    parser.add_argument("agent")
-    parser.add_argument("daemon")
+    add_common(parser)
     options = parser.parse_args()
 
     # A socket's path is short: not below a TMPDIR of any length.

@@ -18,6 +18,7 @@ import dbus.bus
 
 import play
 import stay
+from arguments import add_common
 from timeline import Missing, Timeline, wants_colour
 
 PR_SET_PDEATHSIG = 1
@@ -288,11 +289,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--directory", required=True)
     parser.add_argument("--uid", type=int, required=True, help="who ./run was called by, outside of the namespace")
-    parser.add_argument("--stay", action="store_true")
-    parser.add_argument("--daemon-command", help="instead of the stand-in")
-    parser.add_argument("--daemon-directory", help="where that command runs")
-    parser.add_argument("agent")
-    parser.add_argument("daemon")
+    add_common(parser)
     options = parser.parse_args()
 
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
