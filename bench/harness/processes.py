@@ -118,10 +118,11 @@ class Stage:
         return {"PATH": os.environ["PATH"], "HOME": self.home(number),
                 "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self.directory}/bus"}
 
-    def start(self, *command, number=0, **options):
+    def start(self, *command, number=0, extra_environment=None, **options):
         """A context manager with the process."""
         options.setdefault("stdout", subprocess.DEVNULL)
-        return running(list(command), self.environment(number), stderr=subprocess.DEVNULL, **options)
+        return running(list(command), {**self.environment(number), **(extra_environment or {})},
+                       stderr=subprocess.DEVNULL, **options)
 
     @contextlib.contextmanager
     def world(self, *arguments):

@@ -11,6 +11,7 @@ import time
 
 from .contest import NotHere, Row
 from .processes import Stage, at_rest, await_that, idle_agent, life, run_once
+from .screens import need, wayland_display, x_display
 
 LINE = "2026/11/16 05:28:20:007 [TRACE] Monitor launcher: screen lock status 1\n"
 FULL_LOG = LINE * (6_000_000 // len(LINE) + 1)
@@ -153,15 +154,30 @@ class Bench:
             with stage.world("serve"), stage.start(stage.program("forwarder_sdbus"), "2") as process:
                 return at_rest(process, seconds)
 
+        def on_display(display, programs, *command):
+            def measure(stage):
+                need(*programs)
+                with stage.world("serve"), display() as environment, \
+                        stage.start(*command, extra_environment=environment) as process:
+                    result = at_rest(process, seconds)
+                    if process.poll() is not None:
+                        raise RuntimeError(f"{command[0]} has ended")
+                    return result
+            return measure
+
         def staged(measure):
             def once():
                 with Stage(self.build) as stage:
                     return measure(stage)
             return once
 
+        # What watches the same logind and has a screen locked; they run as their manual pages say.
         return Row("idle", f"linked and idle: memory, and wake-ups in {seconds} s", "kB PSS", "pss", {
             "velm": staged(lambda stage: idle_agent(stage, seconds, stage.agent)),
             "sd-bus listener, 2 threads": staged(listener),
+            "xss-lock": staged(on_display(x_display, ("Xvfb", "xss-lock"), "xss-lock", "--", "true")),
+            "swayidle": staged(on_display(wayland_display, ("sway", "swayidle"),
+                                          "swayidle", "timeout", "300", "true", "lock", "true")),
         }, floors=("sd-bus listener, 2 threads",), extra=("uss", "anonymous", "wake-ups"), rounds=5)
 
     def start(self):
