@@ -75,7 +75,9 @@ class Result:
         for name in list(self.results)[1:] if self.row.ratios is None else ():
             pairs = [(mine[self.row.value], other[self.row.value])
                      for mine, other in zip(subject, self.results[name]) if mine and other]
-            made.append((f"{self.row.subject} / {name}", [mine / other for mine, other in pairs if other > 0]))
+            # Who calls too early is late by less than nothing, which nothing can be divided by.
+            ratios = [mine / other for mine, other in pairs] if all(min(pair) > 0 for pair in pairs) else []
+            made.append((f"{self.row.subject} / {name}", ratios))
         for title, function in self.row.ratios or ():
             rounds = []
             for turn in range(len(subject)):
@@ -90,7 +92,7 @@ class Result:
 
     def as_json(self):
         return {
-            "title": self.row.title, "unit": self.row.unit, "value": self.row.value,
+            "title": self.row.title, "unit": self.row.unit, "value": self.row.value, "extra": self.row.extra,
             "results": self.results, "not here": self.absent, "failed": self.failures, "load": self.loads,
             "ratios": {title: {"median": statistics.median(rounds), "rounds": rounds}
                        for title, rounds in self.ratios()},

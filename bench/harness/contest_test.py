@@ -133,9 +133,10 @@ class Contest(unittest.TestCase):
         self.assertEqual(both.ratios(), [("velm / (a + b)", [2])])
         self.assertEqual(one.ratios(), [])
 
-    def test_a_floor_of_nothing_gives_no_ratio(self):
-        result, _ = measured({"velm": gives(1), "floor": gives(0)}, floors=("floor",))
-        self.assertEqual(result.ratios(), [])
+    def test_nothing_is_divided_by_zero_or_less(self):
+        for value in (0, -3):
+            result, _ = measured({"velm": gives(1), "floor": gives(2, value)}, 2, floors=("floor",))
+            self.assertEqual(result.ratios(), [], value)
 
 
 if __name__ == "__main__":

@@ -1,4 +1,4 @@
-"""Pictures of the results, each as PNG and SVG."""
+"""Pictures of the results in bench.json, each as PNG and SVG."""
 
 import statistics
 
@@ -6,41 +6,64 @@ import matplotlib
 
 matplotlib.use("svg")
 matplotlib.rcParams["svg.hashsalt"] = "velm"
+matplotlib.rcParams["svg.fonttype"] = "none"
+matplotlib.rcParams["font.family"] = "DejaVu Sans"
 import matplotlib.pyplot as plt  # noqa: E402
 
+from .contest import spread  # noqa: E402
 
-def bars(axes, result):
-    row = result.row
-    names = [name for name in result.results if result.values(name)]
-    middles = [statistics.median(result.values(name)) for name in names]
-    axes.barh(names, middles, color=["#1f77b4" if name == row.subject else "#b0b0b0" for name in names])
-    for place, middle in enumerate(middles):
-        axes.text(middle, place, f" {middle:,.0f}" if middle >= 100 else f" {middle:.3g}", va="center", fontsize=8)
+# Which rows share a picture: by the beginnings of their names.
+PICTURES = {
+    "log": ("line-", "rotation-"),
+    "timers": ("scheduler-", "periodic"),
+    "agent": ("event", "burst", "idle", "start"),
+}
+OWN, OTHERS = "#1f77b4", "#b8b8b8"
+
+
+def values_of(row, name):
+    return [result[row["value"]] for result in row["results"][name] if result is not None]
+
+
+def bars(axes, row):
+    names = [name for name in row["results"] if values_of(row, name)]
+    middles = [statistics.median(values_of(row, name)) for name in names]
+    ends = [spread(values_of(row, name)) for name in names]
+    axes.barh(names, middles, height=0.7, color=[OWN if name.startswith("velm") else OTHERS for name in names],
+              xerr=[[max(0, middle - low) for middle, (low, _) in zip(middles, ends)],
+                    [max(0, high - middle) for middle, (_, high) in zip(middles, ends)]],
+              error_kw={"ecolor": "#505050", "elinewidth": 0.8})
+    for place, (middle, (_, high)) in enumerate(zip(middles, ends)):
+        axes.annotate(f"{middle:,.0f}" if middle >= 100 else f"{middle:.3g}", (max(middle, high), place), fontsize=8,
+                      xytext=(4, 0), textcoords="offset points", va="center")
     axes.invert_yaxis()
-    axes.set_xscale("log" if max(middles) > 30 * min(middles) > 0 else "linear")
-    axes.margins(x=0.2)
-    axes.set_title(f"{row.title} ({row.unit})", fontsize=9, loc="left")
+    axes.margins(x=0.15)
+    axes.set_title(f"{row['title']} ({row['unit']})", fontsize=9, loc="left")
     axes.tick_params(labelsize=8)
     axes.spines[["top", "right"]].set_visible(False)
 
 
 def save(figure, directory, name):
-    figure.tight_layout()
+    figure.tight_layout(h_pad=1.2)
     for kind in ("png", "svg"):
         figure.savefig(directory / f"{name}.{kind}", dpi=110, metadata={"Date": None} if kind == "svg" else None)
     plt.close(figure)
 
 
-def plot(results, directory):
-    """One picture for each group of rows: those whose names begin alike."""
+def plot(report, directory):
+    """Writes bench-NAME.png and .svg for each picture that has a row in the report; returns what was drawn."""
     directory.mkdir(parents=True, exist_ok=True)
-    groups = {}
-    for result in results:
-        if any(result.values(name) for name in result.results):
-            groups.setdefault(result.row.name.split("-")[0], []).append(result)
-    for name, group in groups.items():
-        figure, all_axes = plt.subplots(len(group), 1, squeeze=False, figsize=(
-            7, 0.6 * len(group) + sum(0.28 * len(result.results) for result in group)))
-        for axes, result in zip(all_axes[:, 0], group):
-            bars(axes, result)
-        save(figure, directory, name)
+    drawn = []
+    for picture, beginnings in PICTURES.items():
+        rows = [row for name, row in report["rows"].items()
+                if name.startswith(beginnings) and any(values_of(row, other) for other in row["results"])]
+        if not rows:
+            continue
+        heights = [0.55 + 0.27 * len(row["results"]) for row in rows]
+        figure, all_axes = plt.subplots(len(rows), 1, squeeze=False, figsize=(7.5, sum(heights)),
+                                        gridspec_kw={"height_ratios": heights})
+        for axes, row in zip(all_axes[:, 0], rows):
+            bars(axes, row)
+        save(figure, directory, f"bench-{picture}")
+        drawn.append(f"bench-{picture}")
+    return drawn
