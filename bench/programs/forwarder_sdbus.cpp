@@ -1,13 +1,22 @@
 // The least that forwards lock changes with sd-bus: one connection, one match, one call. Usage:
-// bench_forwarder_sdbus [THREADS]      THREADS idle ones beside it, as a memory footprint to compare with has
+// bench_forwarder_sdbus [THREADS [FILE]]
+// THREADS idle ones are beside it, as a memory footprint to compare with has; with a FILE it writes three
+// lines to it before each call, as the agent does.
 
+#include <fcntl.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <thread>
 
+#include "support/FloorLine.h"
+
 namespace {
+
+constexpr int noLog = -1;
+constexpr int linesOfAnEvent = 3;
+int logFile = noLog;
 
 int forward(sd_bus_message* message, void* /*unused*/, sd_bus_error* /*error*/) noexcept {
     const char* name = nullptr;
@@ -17,6 +26,9 @@ int forward(sd_bus_message* message, void* /*unused*/, sd_bus_error* /*error*/) 
         sd_bus_message_read(message, "s", &name) <= 0 ||
         sd_bus_message_read(message, "v", "b", &locked) <= 0) {
         return 0;
+    }
+    for (int i = 0; logFile != noLog && i < linesOfAnEvent; ++i) {
+        bench::writeFloorLine(logFile);
     }
     sd_bus_message* call = nullptr;
     sd_bus* bus = sd_bus_message_get_bus(message);
@@ -34,6 +46,9 @@ int forward(sd_bus_message* message, void* /*unused*/, sd_bus_error* /*error*/) 
 int main(int argc, char** argv) {
     for (int i = argc > 1 ? std::atoi(argv[1]) : 0; i > 0; --i) {
         std::thread([] { pause(); }).detach();
+    }
+    if (argc > 2) {
+        logFile = open(argv[2], O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     }
     sd_bus* bus = nullptr;
     if (sd_bus_open_system(&bus) < 0 ||

@@ -1,8 +1,7 @@
 // A log statement, by several loggers. Usage: bench_line LOGGER THREADS LINES FILE
 //
 // Every logger gets the same statements and brings a time stamp, a level and the message to FILE, flushed
-// line by line, and to standard output. "floor" is the least that the agent's way of logging can cost: for
-// each line a thread of its own, for which the caller waits, and two writes, of a text that is there already.
+// line by line, and to standard output. "floor" is the least that the agent's way of logging can cost.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,15 +9,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <future>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Loggers.h"
 #include "logging/Log.h"
+#include "support/FloorLine.h"
 #include "support/Report.h"
 
 namespace {
@@ -37,16 +35,7 @@ Statement velm(const std::string& file) {
 
 Statement leastOfThreads(const std::string& file) {
     const int descriptor = open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    return [descriptor](int /*number*/) {
-        static std::mutex mutex;
-        static_cast<void>(std::async(std::launch::async, [descriptor] {
-            static constexpr char line[] =
-                "2026/11/16 05:28:20:007 [TRACE] Monitor launcher: screen lock status 1\n";
-            const std::lock_guard<std::mutex> lock(mutex);
-            static_cast<void>(!write(STDOUT_FILENO, line, sizeof line - 1));
-            static_cast<void>(!write(descriptor, line, sizeof line - 1));
-        }));
-    };
+    return [descriptor](int /*number*/) { bench::writeFloorLine(descriptor); };
 }
 
 const std::map<std::string, Statement (*)(const std::string&)> loggers = {
