@@ -41,6 +41,9 @@ using std::chrono::steady_clock;
 
 constexpr uid_t nobody = 65534;
 
+/// The first loss of a process comes a second after its launch at the earliest.
+constexpr milliseconds pastTheFirstLoss{1500};
+
 class Connection : public testing::Test {
 protected:
     Connection() { setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.address().c_str(), 1); }
@@ -425,7 +428,7 @@ TEST_F(ConnectionOnABus, AnOwnerThatLeavesBeforeAnythingWasSentIsNoLoss) {
 
 TEST_F(Connection, ResumingWithoutABusReportsNothingUntilAMessageIsSent) {
     auto connection = resumed();
-    link_tests::pumpFor(milliseconds(300));
+    link_tests::pumpFor(pastTheFirstLoss);
     EXPECT_EQ(losses->all(), 0);
     connection->remoteObjectProxy()->onTimeZoneChanged();
     ASSERT_TRUE(await([&] { return losses->all() > 0; }));
@@ -467,7 +470,7 @@ TEST_F(Connection, MessagesBeforeResumeDoNotMakeALossShow) {
     auto connection = newConnection();
     connection->remoteObjectProxy()->connect();
     connection->resume();
-    link_tests::pumpFor(milliseconds(300));
+    link_tests::pumpFor(pastTheFirstLoss);
     EXPECT_EQ(losses->all(), 0);
 }
 
@@ -494,7 +497,7 @@ TEST_F(ConnectionOnABus, MadeWithoutADescriptorLeftItIsLostOnceItSends) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     connection->resume();
     // What is said to a link that nothing wakes would otherwise wait for ever.
-    link_tests::pumpFor(milliseconds(300));
+    link_tests::pumpFor(pastTheFirstLoss);
     EXPECT_EQ(losses->all(), 0);
     connection->remoteObjectProxy()->connect();
     ASSERT_TRUE(await([&] { return losses->invalidations == 1; }));
