@@ -1,17 +1,18 @@
 #!/usr/bin/env bash
 # Gives ./run and ./check what a newcomer gives them: new systems of the Debian releases, all at once, with nothing
-# installed. Usage: tests/roots/fresh.sh [--check]
-#   --check  also ./check, as root and as an ordinary user; without, only ./run, as both
+# installed. Usage: tests/roots/fresh.sh [--every]
+#   --every  each command as root and as an ordinary user; without, one as root and the other as the user, the other way
+#            round in the other release
 # Status: 0 all worked, 1 something failed, 77 it cannot run on this machine. Needs root or sudo.
 set -euo pipefail
 
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 sources=$(cd "$here/../.." && pwd)
-with_check=no
+every=no
 case ${1-} in
     '') ;;
-    --check) with_check=yes ;;
-    *) sed -n '3,5s/^# //p' "$0" >&2; exit 2 ;;
+    --every) every=yes ;;
+    *) sed -n '3,6s/^# //p' "$0" >&2; exit 2 ;;
 esac
 if ((EUID != 0)); then
     exec sudo --preserve-env=VELM_CACHE_DIR,VELM_DEBIAN_MIRROR "$0" "$@"
@@ -24,6 +25,9 @@ done
 cache=${VELM_CACHE_DIR:-/var/cache/velmmonitord-tests}
 work=$(mktemp -d "${TMPDIR:-/var/tmp}/velm-fresh.XXXXXX")
 releases=(bookworm trixie)
+# Both commands on the system as it was made, and each as both, with each kind of user in each release.
+declare -A pairs=([bookworm]="newcomer ./run root ./check" [trixie]="newcomer ./check root ./run")
+declare -A other_pairs=([bookworm]="newcomer ./check root ./run" [trixie]="newcomer ./run root ./check")
 jobs=()
 finish() {
     local job
@@ -81,6 +85,8 @@ prepare() {
     mkdir "$root"
     tar -C "$root" -xf "$tarball"
     rm -f "$root/usr/sbin/policy-rc.d"
+    # The system is thrown away, so it need not outlive a loss of power.
+    echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/unsafe-io"
     cp --dereference /etc/resolv.conf "$root/etc/resolv.conf"
     chroot "$root" useradd --create-home --shell /bin/bash newcomer
     echo 'newcomer ALL=(ALL) NOPASSWD: ALL' >"$root/etc/sudoers.d/newcomer"
@@ -97,16 +103,18 @@ says_what_is_missing() {
     [[ $text == *"the root directory is no mount point"* ]] || { echo "$text"; return 1; }
 }
 
-# try RELEASE FIRST SECOND: everything of one release; FIRST and SECOND are its users.
+# try RELEASE [USER COMMAND]...: those commands, the first of them on the system as it was made.
 try() {
-    local release=$1 first=$2 second=$3 failed=0
+    local release=$1 failed=0
+    shift
+    # apt locks its archives at once or not at all.
+    exec 9>"$cache/archives-$release.lock"
+    flock 9
     point "$release" "a new system" prepare "$release" || return
-    point "$release" "./run as $first, on the new system" in_root "$release" "$first" ./run || failed=1
-    point "$release" "./run as $second" in_root "$release" "$second" ./run || failed=1
-    if [[ $with_check == yes ]]; then
-        point "$release" "./check as $first" in_root "$release" "$first" ./check || failed=1
-        point "$release" "./check as $second" in_root "$release" "$second" ./check || failed=1
-    fi
+    while (($#)); do
+        point "$release" "$2 as $1" in_root "$release" "$1" "$2" || failed=1
+        shift 2
+    done
     point "$release" "./run says what is missing in a root that is no mount point" says_what_is_missing "$release" ||
         failed=1
     return $failed
@@ -116,11 +124,12 @@ mkdir -p "$cache/ccache"
 chmod 1777 "$cache/ccache"
 for release in "${releases[@]}"; do
     mkdir -p "$cache/archives-$release/partial"
-    users=(root newcomer)
-    [[ $release == bookworm ]] || users=(newcomer root)
+    tried=${pairs[$release]}
+    [[ $every == no ]] || tried+=" ${other_pairs[$release]}"
+    read -ra commands <<<"$tried"
     # A process group of its own, so that it can be ended with all that it started.
     set -m
-    try "$release" "${users[@]}" &
+    try "$release" "${commands[@]}" &
     set +m
     jobs+=($!)
 done

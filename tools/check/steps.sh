@@ -53,7 +53,7 @@ deep_steps() {
 # New systems take longest, and wait for the network for a good part.
 fresh_step() {
     [[ $no_system == yes ]] || beside fresh \
-                        "./run in new Debian 12 and 13, as root and as a user" tests/roots/fresh.sh
+                        "./run and ./check in new Debian 12 and 13, as root and as a user" tests/roots/fresh.sh
 }
 
 # The packages, and what they do in real systems.
