@@ -49,7 +49,7 @@ trap 'exit 130' INT TERM
 checkout() {
     git -c safe.directory='*' clone --quiet --no-hardlinks "$sources" "$1"
     git -c safe.directory='*' -C "$sources" ls-files -z --deduplicate |
-        (cd "$sources" && xargs -0 -I {} sh -c 'test ! -e "$1" || printf "%s\0" "$1"' sh {}) |
+        (cd "$sources" && xargs -0 sh -c 'for file; do test ! -e "$file" || printf "%s\0" "$file"; done' sh) |
         tar -C "$sources" --null --verbatim-files-from -T - -cf - | tar -C "$1" -xf -
 }
 
