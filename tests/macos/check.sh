@@ -75,12 +75,12 @@ set(CMAKE_OBJCXX_COMPILE_OBJECT
 END
 }
 
-# GoogleTest is there for this machine alone, so tests only configure.
+# Boost and GoogleTest are where this machine's are, and GoogleTest is built for it alone, so tests only configure.
 configure() {
     toolchain "$1" >"$build/$1.cmake"
     rm -rf "${build:?}/$1"
     cmake -G Ninja -S "$root" -B "$build/$1" -DCMAKE_TOOLCHAIN_FILE="$build/$1.cmake" -DVELM_BUILD_EXAMPLES=OFF \
-        -DGTest_DIR="/usr/lib/$(uname -m)-linux-gnu/cmake/GTest" >"$build/$1.log" 2>&1
+        -DCMAKE_PREFIX_PATH="/usr/lib/$(uname -m)-linux-gnu/cmake" >"$build/$1.log" 2>&1
 }
 
 compile() {

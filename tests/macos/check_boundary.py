@@ -10,6 +10,8 @@ FUNCTION = re.compile(r'^define (?P<head>.*?)@"?(?P<name>[^"(]+)"?\((?P<body>.*?
 # A framework's entries: methods (but for the initialisers, which return an object and which our own code calls) and
 # the bodies of blocks.
 ENTRY = re.compile(r"^\\01-\[Velm(?!.*\.cxx_)|_block_invoke")
+# In the words of LLVM up to 14, and of later versions.
+RETURNS_AN_OBJECT = re.compile(r"(i8\*|\bptr) $")
 CALL = re.compile(r"^\s*(?:%\S+ = )?(?:(?:tail|musttail|notail) )?call (?P<call>.*)$", re.MULTILINE)
 NOUNWIND_GROUP = re.compile(r"^attributes #(\d+) = \{[^}]*\bnounwind\b", re.MULTILINE)
 
@@ -38,7 +40,7 @@ def main(*paths):
                           if any(group in safe_groups
                                  for group in re.findall(r"#(\d+)", match.group("body").split("\n", 1)[0]))}
         for match in functions:
-            if not ENTRY.search(match.group("name")) or "i8* @" in match.group("head") + "@":
+            if not ENTRY.search(match.group("name")) or RETURNS_AN_OBJECT.search(match.group("head")):
                 continue
             entries += 1
             for instruction in escapes(match.group("body"), safe_groups, safe_functions):
