@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "link/faults/FaultTest.h"
+#include "link/support/BareReader.h"
 #include "link/support/SignalFlood.h"
 
 namespace link_tests {
@@ -27,10 +28,12 @@ constexpr std::uint64_t fewestSignals = 100;
 class LargeSignals : public FaultTest {
 protected:
     /// How long events took, from the call that has logind tell of one to the daemon; and how long only that
-    /// call took, which shares the bus with the flood but not the agent.
+    /// call took, which shares the bus with the flood but not the agent; and how long a call of a program
+    /// took that is flooded like the agent and does nothing but read: what is above that is the agent's.
     struct Times {
         std::vector<milliseconds> events;
         std::vector<milliseconds> calls;
+        std::vector<milliseconds> bareReader;
     };
 
     /// Locks or unlocks.
@@ -46,9 +49,17 @@ protected:
         times.calls.push_back(std::chrono::duration_cast<milliseconds>(told - start));
     }
 
+    void addCallOf(const BareReader& reader, Times& times) {
+        const auto start = Clock::now();
+        const BusTarget target{reader.uniqueName(), "/", "org.freedesktop.DBus.Peer"};
+        EXPECT_TRUE(daemon->peer().call(target, "Ping", "").ok());
+        times.bareReader.push_back(std::chrono::duration_cast<milliseconds>(Clock::now() - start));
+    }
+
     static std::string summaryOf(const Times& times) {
         return std::to_string(times.events.size()) + " events, " + spanOf(times.events) +
-               " (the call of logind " + spanOf(times.calls) + ")";
+               " (the call of logind " + spanOf(times.calls) + "; a call of a bare reader " +
+               spanOf(times.bareReader) + ")";
     }
 
     Messages expected;
@@ -68,12 +79,15 @@ TEST_F(LargeSignals, OfAStrangerOnFourConnectionsCostNeitherMemoryNorTimeNorAnEv
     startLinkedAndReady();
     // It copies whatever passes, which would be measured with the bus.
     monitor.reset();
-    const std::vector<std::string> victims = daemon->peer().namesOf(agent->pid());
+    std::vector<std::string> victims = daemon->peer().namesOf(agent->pid());
     ASSERT_GE(victims.size(), 2U);
+    const BareReader reader(bus.address());
+    victims.push_back(reader.uniqueName());
     const std::size_t mark = agent->log().mark();
     Times calm;
     for (int event = 0; event < 10; ++event) {
         addEvent(calm);
+        addCallOf(reader, calm);
         pumpFor(milliseconds(50));
     }
 
@@ -88,6 +102,7 @@ TEST_F(LargeSignals, OfAStrangerOnFourConnectionsCostNeitherMemoryNorTimeNorAnEv
     };
     while (underAttack()) {
         addEvent(flooded);
+        addCallOf(reader, flooded);
         pumpFor(milliseconds(100));
         most = std::max(most, resourcesOf(agent->pid()).memory);
     }
