@@ -192,7 +192,10 @@ protected:
     void changeTheMountTableFor(std::chrono::milliseconds span) const {
         const std::string table = "/proc/" + std::to_string(agent->pid()) + "/ns/mnt";
         const auto change = [&] {
-            bool done = ::setns(::open(table.c_str(), O_RDONLY | O_CLOEXEC), CLONE_NEWNS) == 0;
+            // A thread sanitizer's own thread shares the working directory, and whoever shares it stays where
+            // he is.
+            bool done = ::unshare(CLONE_FS) == 0 &&
+                        ::setns(::open(table.c_str(), O_RDONLY | O_CLOEXEC), CLONE_NEWNS) == 0;
             const auto end = std::chrono::steady_clock::now() + span;
             while (done && std::chrono::steady_clock::now() < end) {
                 done = ::mount("none", "/dev/shm", "tmpfs", 0, nullptr) == 0 &&
