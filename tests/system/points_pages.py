@@ -85,6 +85,8 @@ def version(world):
 
 def no_options(world):
     assert "`velmmonitord --version`, like any other call of it, starts one more agent" in page(world)
-    said = world.container.run("timeout", "8", "/usr/sbin/velmmonitord", "--version", user=world.bob,
+    # In the foreground timeout(1) sends one SIGTERM; else two, of which the second may end the agent before it has
+    # written what it said.
+    said = world.container.run("timeout", "--foreground", "8", "/usr/sbin/velmmonitord", "--version", user=world.bob,
                                env=world.bob.environment(), check=False)
     assert "velmmonitord started" in said and "Monitor launcher is running" in said, said
