@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -39,9 +40,9 @@ std::size_t heaps() {
 
 /// Has as many threads allocate at once.
 void allocateInThreads(int count) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back([] { std::make_unique<std::string>(1000, 'x'); });
+    std::vector<std::thread> threads(static_cast<std::size_t>(count));
+    for (auto& thread : threads) {
+        thread = std::thread([] { std::make_unique<std::string>(1000, 'x'); });
     }
     for (auto& thread : threads) {
         thread.join();
