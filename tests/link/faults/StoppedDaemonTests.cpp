@@ -67,7 +67,7 @@ protected:
     /// About how many the agent has sent: of its output, the last few thousand bytes have not been written
     /// yet.
     std::size_t eventsInTheOutput() const {
-        constexpr std::size_t bytesOfAnEvent = 3 * 72;
+        constexpr std::size_t bytesOfAnEvent = std::size_t{3} * 72;
         return fs::file_size(machine.pathOf("stdout")) / bytesOfAnEvent;
     }
 

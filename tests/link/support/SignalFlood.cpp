@@ -95,6 +95,7 @@ void flood(const std::string& busAddress, const std::vector<std::string>& victim
     }
     for (;;) {
         std::vector<pollfd> descriptors;
+        descriptors.reserve(shouters.size());
         for (Shouter& shouter : shouters) {
             descriptors.push_back(shouter.shout(sent));
         }
