@@ -128,7 +128,7 @@ class Stage:
         self._daemon = self._start("daemon", command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                    stderr=subprocess.PIPE, cwd=directory)
         for stream in (self._daemon.stdout, self._daemon.stderr):
-            threading.Thread(target=self._read_daemon, args=(stream,), daemon=True).start()
+            threading.Thread(target=self.timeline.read, args=("daemon", stream), daemon=True).start()
 
     def await_daemon(self):
         """Returns once the daemon owns its name."""
@@ -140,7 +140,8 @@ class Stage:
 
     def start_agent(self):
         self._agent = self._start("agent", [self._options.agent], stdout=subprocess.DEVNULL)
-        threading.Thread(target=self._follow_log, daemon=True).start()
+        # It flushes its log file, line by line, and not its standard output.
+        threading.Thread(target=self.timeline.follow, args=("agent", self.log), daemon=True).start()
 
     def tell_daemon(self, command):
         try:
@@ -258,24 +259,6 @@ class Stage:
                 pass
             time.sleep(0.02)
         raise Missing(f"{what} within {cap:g} s")
-
-    def _read_daemon(self, stream):
-        for line in stream:
-            self.timeline.add("daemon", line.rstrip("\n"))
-
-    def _follow_log(self):
-        """The agent flushes its log file, line by line, and not its standard output."""
-        while not os.path.exists(self.log):
-            time.sleep(0.005)
-        with open(self.log, encoding="utf-8", errors="replace") as file:
-            rest = ""
-            while True:
-                rest += file.readline()
-                if rest.endswith("\n"):
-                    self.timeline.add("agent", rest[:-1])
-                    rest = ""
-                else:
-                    time.sleep(0.005)
 
 
 def end_on_signal(_number, _frame):

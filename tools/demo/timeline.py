@@ -51,6 +51,25 @@ class Timeline:
         else:
             self._add(now, source, line)
 
+    def read(self, source, stream):
+        """Adds the lines of a stream until it ends. Blocks, so it needs a thread."""
+        for line in stream:
+            self.add(source, line.rstrip("\n"))
+
+    def follow(self, source, path):
+        """Adds the lines of a file that is to come, and to grow, for ever. Blocks, so it needs a thread."""
+        while not os.path.exists(path):
+            time.sleep(0.005)
+        with open(path, encoding="utf-8", errors="replace") as file:
+            rest = ""
+            while True:
+                rest += file.readline()
+                if rest.endswith("\n"):
+                    self.add(source, rest[:-1])
+                    rest = ""
+                else:
+                    time.sleep(0.005)
+
     def heading(self, text):
         """Says what happens next."""
         self.note("run", text)

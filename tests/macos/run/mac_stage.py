@@ -3,7 +3,6 @@
 import os
 import subprocess
 import threading
-import time
 
 SERVICE = "com.brovik.velmdaemon"
 
@@ -33,11 +32,11 @@ class MacStage:
 
     def start_daemon(self):
         self._daemon = self._start(self._daemon_program, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        threading.Thread(target=self._read_daemon, args=(self._daemon.stdout,), daemon=True).start()
+        threading.Thread(target=self.timeline.read, args=("daemon", self._daemon.stdout), daemon=True).start()
 
     def start_agent(self):
         self._agent = self._start("velmmonitord", stdout=subprocess.DEVNULL)
-        threading.Thread(target=self._follow_log, daemon=True).start()
+        threading.Thread(target=self.timeline.follow, args=("agent", self.log), daemon=True).start()
 
     def tell_daemon(self, command):
         self._daemon.stdin.write(command + "\n")
@@ -82,20 +81,3 @@ class MacStage:
         with open(os.path.join(self.directory, program + ".errors"), "ab") as errors:
             return subprocess.Popen([os.path.join(self._build, program)], env=self._environment, stderr=errors,
                                     **{"stdin": subprocess.DEVNULL, **streams})
-
-    def _read_daemon(self, stream):
-        for line in stream:
-            self.timeline.add("daemon", line.rstrip("\n"))
-
-    def _follow_log(self):
-        while not os.path.exists(self.log):
-            time.sleep(0.005)
-        rest = ""
-        with open(self.log, encoding="utf-8") as file:
-            while True:
-                rest += file.readline()
-                if rest.endswith("\n"):
-                    self.timeline.add("agent", rest[:-1])
-                    rest = ""
-                else:
-                    time.sleep(0.005)
