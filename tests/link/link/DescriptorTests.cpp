@@ -59,16 +59,9 @@ private:
 /// A program that takes what comes from a bus as sd-bus does unless told otherwise.
 class TrustingReceiver {
 public:
-    explicit TrustingReceiver(const std::string& busAddress) {
-        sd_bus* bus = nullptr;
-        check(sd_bus_new(&bus), "sd_bus_new");
-        m_bus.reset(bus);
-        check(sd_bus_set_address(bus, busAddress.c_str()), "sd_bus_set_address");
-        check(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
-        check(sd_bus_start(bus), "sd_bus_start");
-        const char* name = nullptr;
-        check(sd_bus_get_unique_name(bus, &name), "sd_bus_get_unique_name");
-        m_name = name;
+    explicit TrustingReceiver(const std::string& busAddress) : m_bus(newClient(busAddress)) {
+        check(sd_bus_start(m_bus.get()), "sd_bus_start");
+        m_name = uniqueNameOf(m_bus.get());
     }
     const std::string& uniqueName() const { return m_name; }
     /// Takes everything off the bus; returns once there is nothing more.

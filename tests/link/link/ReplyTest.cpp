@@ -29,12 +29,8 @@ class AnsweringDaemon : public link_tests::Pumped {
 public:
     using Answer = std::function<int(sd_bus_message* call)>;
 
-    explicit AnsweringDaemon(const std::string& address) {
-        sd_bus* bus = nullptr;
-        check(sd_bus_new(&bus), "new");
-        m_bus.reset(bus);
-        check(sd_bus_set_address(bus, address.c_str()), "address");
-        check(sd_bus_set_bus_client(bus, 1), "client");
+    explicit AnsweringDaemon(const std::string& address) : m_bus(link_tests::newClient(address)) {
+        sd_bus* const bus = m_bus.get();
         check(sd_bus_add_filter(bus, nullptr,
                                 platform::busCallback<&AnsweringDaemon::received, AnsweringDaemon>, this),
               "filter");

@@ -1,8 +1,9 @@
 #pragma once
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
+
+#include "link/support/ForkedProcess.h"
 
 namespace link_tests {
 
@@ -12,14 +13,11 @@ class BareReader {
 public:
     /// Returns once it is on the bus. Ends with this object.
     explicit BareReader(const std::string& busAddress);
-    ~BareReader();
-    BareReader(const BareReader&) = delete;
-    BareReader& operator=(const BareReader&) = delete;
 
     const std::string& uniqueName() const { return m_uniqueName; }
 
 private:
-    pid_t m_process = -1;
+    std::unique_ptr<ForkedProcess> m_process;
     std::string m_uniqueName;
 };
 

@@ -4,12 +4,8 @@
 
 namespace link_tests {
 
-BusMonitor::BusMonitor(const std::string& address) {
-    sd_bus* bus = nullptr;
-    check(sd_bus_new(&bus), "sd_bus_new");
-    m_bus.reset(bus);
-    check(sd_bus_set_address(bus, address.c_str()), "sd_bus_set_address");
-    check(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
+BusMonitor::BusMonitor(const std::string& address) : m_bus(newClient(address)) {
+    sd_bus* const bus = m_bus.get();
     check(sd_bus_set_monitor(bus, 1), "sd_bus_set_monitor");
     check(sd_bus_start(bus), "sd_bus_start");
     check(sd_bus_call_method(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",

@@ -31,21 +31,15 @@ public:
 
 }  // namespace
 
-BusPeer::BusPeer(const std::string& address, uid_t uid) {
-    sd_bus* bus = nullptr;
-    check(sd_bus_new(&bus), "sd_bus_new");
-    m_bus.reset(bus);
-    check(sd_bus_set_address(bus, address.c_str()), "sd_bus_set_address");
-    check(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
+BusPeer::BusPeer(const std::string& address, uid_t uid) : m_bus(newClient(address)) {
+    sd_bus* const bus = m_bus.get();
     check(sd_bus_add_filter(bus, nullptr, platform::busCallback<&BusPeer::received, BusPeer>, this),
           "sd_bus_add_filter");
     {
         const ActAsUser user(uid);
         check(sd_bus_start(bus), "sd_bus_start");
     }
-    const char* name = nullptr;
-    check(sd_bus_get_unique_name(bus, &name), "sd_bus_get_unique_name");
-    m_uniqueName = name;
+    m_uniqueName = uniqueNameOf(bus);
 }
 
 std::uint32_t BusPeer::requestName(const std::string& name, std::uint32_t flags) {

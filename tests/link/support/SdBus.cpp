@@ -64,6 +64,21 @@ int check(int result, const char* operation) {
     return result;
 }
 
+BusHandle newClient(const std::string& address) {
+    sd_bus* bus = nullptr;
+    check(sd_bus_new(&bus), "sd_bus_new");
+    BusHandle handle(bus);
+    check(sd_bus_set_address(bus, address.c_str()), "sd_bus_set_address");
+    check(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
+    return handle;
+}
+
+std::string uniqueNameOf(sd_bus* bus) {
+    const char* name = nullptr;
+    check(sd_bus_get_unique_name(bus, &name), "sd_bus_get_unique_name");
+    return name;
+}
+
 std::string textOf(const char* text) {
     return text != nullptr ? text : "";
 }

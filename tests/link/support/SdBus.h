@@ -24,6 +24,12 @@ using MessageHandle = std::unique_ptr<sd_bus_message, SdMessageUnref>;
 /// Throws, naming `operation`, if `result` is a negative errno value; gives it back otherwise.
 int check(int result, const char* operation);
 
+/// A client of the bus at `address`, which is not started yet: what a test wants of it otherwise comes first.
+/// Throws std::system_error.
+BusHandle newClient(const std::string& address);
+/// The name that the bus gave it once it was started; waits for that. Throws std::system_error.
+std::string uniqueNameOf(sd_bus* bus);
+
 /// A text that sd-bus may give as null.
 std::string textOf(const char* text);
 

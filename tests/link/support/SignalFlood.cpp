@@ -2,18 +2,12 @@
 
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
-#include <exception>
 #include <new>
 #include <system_error>
 
-#include "link/support/AgentProcess.h"
 #include "link/support/FakeDaemon.h"
 #include "link/support/SdBus.h"
 
@@ -25,15 +19,10 @@ using Counter = std::atomic<std::uint64_t>;
 /// One of the attacker's connections, and what it says again and again.
 class Shouter {
 public:
-    Shouter(const std::string& busAddress, const std::vector<std::string>& victims) {
-        sd_bus* bus = nullptr;
-        check(sd_bus_new(&bus), "sd_bus_new");
-        m_bus.reset(bus);
-        check(sd_bus_set_address(bus, busAddress.c_str()), "sd_bus_set_address");
-        check(sd_bus_set_bus_client(bus, 1), "sd_bus_set_bus_client");
-        check(sd_bus_start(bus), "sd_bus_start");
-        const char* name = nullptr;
-        check(sd_bus_get_unique_name(bus, &name), "sd_bus_get_unique_name");
+    Shouter(const std::string& busAddress, const std::vector<std::string>& victims)
+        : m_bus(newClient(busAddress)) {
+        check(sd_bus_start(m_bus.get()), "sd_bus_start");
+        uniqueNameOf(m_bus.get());
         std::vector<std::string> receivers = victims;
         receivers.emplace_back();
         for (const std::string& receiver : receivers) {
@@ -115,23 +104,9 @@ Counter* sharedCounter() {
 }  // namespace
 
 SignalFlood::SignalFlood(const std::string& busAddress, uid_t user, const std::vector<std::string>& victims)
-    : m_sent(sharedCounter()), m_process(::fork()) {
-    if (m_process == 0) {
-        try {
-            becomeUser(user);
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            flood(busAddress, victims, *m_sent);
-        } catch (const std::exception&) {
-            ::_exit(1);  // nothing more is sent then, which the test sees
-        }
-    }
-}
+    : m_sent(sharedCounter()), m_process(user, [&] { flood(busAddress, victims, *m_sent); }) {}
 
 SignalFlood::~SignalFlood() {
-    if (m_process > 0) {
-        ::kill(m_process, SIGKILL);
-        ::waitpid(m_process, nullptr, 0);
-    }
     ::munmap(m_sent, sizeof *m_sent);
 }
 

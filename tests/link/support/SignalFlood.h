@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "link/support/ForkedProcess.h"
+
 namespace link_tests {
 
 /// A process of another user that sends signals of a mebibyte each from four connections, as fast as the bus
@@ -27,7 +29,7 @@ public:
 
 private:
     std::atomic<std::uint64_t>* m_sent;  ///< shared with the process
-    pid_t m_process;
+    ForkedProcess m_process;
 };
 
 }  // namespace link_tests
