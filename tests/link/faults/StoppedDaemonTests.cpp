@@ -12,6 +12,7 @@
 #include <string>
 
 #include "link/faults/FaultTest.h"
+#include "link/support/MateDesktop.h"
 
 namespace link_tests {
 namespace {
@@ -23,10 +24,7 @@ class StoppedDaemon : public FaultTest {
 protected:
     void linkToAStandIn() {
         startSystem();
-        m_sessionBus.start();
-        options.sessionBus = m_sessionBus.address();
-        m_saver = std::make_unique<BusPeer>(m_sessionBus.address(), agentUser);
-        ASSERT_EQ(m_saver->requestName("org.mate.ScreenSaver"), 1U);
+        options.sessionBus = m_desktop.busAddress();
         m_standIn = std::make_unique<ChildProcess>(
             std::vector<std::string>{VELM_STAND_IN_PATH},
             std::vector<std::string>{"DBUS_SYSTEM_BUS_ADDRESS=" + bus.address()}, [this] {
@@ -38,7 +36,7 @@ protected:
         awaitReady();
         // The first may come before the agent watches the saver.
         ASSERT_TRUE(await([&] {
-            emit(true);
+            m_desktop.emit(true);
             return eventsTold() == 1;
         }));
     }
@@ -49,19 +47,17 @@ protected:
         return events != nullptr ? std::stoul(events) : 10000;
     }
 
-    void emit(bool active) { m_saver->emit(toAll, "ActiveChanged", "b", static_cast<int>(active)); }
-
     /// As many edges, an unlock first. The session bus's queue never holds more than some of them.
     void lockAndUnlock(std::size_t edges) {
         constexpr std::size_t atOnce = 1000;
         for (std::size_t edge = 0; edge < edges; ++edge) {
-            emit(edge % 2 == 1);
+            m_desktop.emit(edge % 2 == 1);
             if (edge % atOnce == atOnce - 1) {
                 ASSERT_TRUE(await([&] { return eventsInTheOutput() >= edge + 1 - atOnce; }, patience));
                 m_most = std::max(m_most, resourcesOf(agent->pid()).memory);
             }
         }
-        m_saver->call(busDriver, "GetId", "");
+        m_desktop.await();
     }
 
     /// About how many the agent has sent: of its output, the last few thousand bytes have not been written
@@ -92,9 +88,7 @@ protected:
 
     /// A rotation of the log comes in between.
     static constexpr std::chrono::minutes patience{5};
-    const BusTarget toAll{"", "/org/mate/ScreenSaver", "org.mate.ScreenSaver"};
-    PrivateBus m_sessionBus;
-    std::unique_ptr<BusPeer> m_saver;
+    MateDesktop m_desktop{agentUser};
     std::unique_ptr<ChildProcess> m_standIn;
     std::size_t m_most = 0;
 };

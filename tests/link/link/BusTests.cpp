@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "link/support/LinkTest.h"
+#include "link/support/MateDesktop.h"
 #include "link/support/RudeSocket.h"
 
 namespace link_tests {
@@ -94,18 +95,14 @@ TEST_F(SystemBus, ASessionBusThatHangsUpIsTriedAtMostOnceASecond) {
 }
 
 TEST_F(SystemBus, StoppedWhileEventsComeCostsNeitherLinesNorMemoryAndRecovers) {
-    PrivateBus sessionBus;
-    sessionBus.start();
-    options.sessionBus = sessionBus.address();
-    BusPeer saver(sessionBus.address(), agentUser);
-    ASSERT_EQ(saver.requestName("org.mate.ScreenSaver"), 1U);
-    const BusTarget toAll{"", "/org/mate/ScreenSaver", "org.mate.ScreenSaver"};
+    MateDesktop desktop(agentUser);
+    options.sessionBus = desktop.busAddress();
     startSystem();
     startLinked();
     ASSERT_TRUE(agent->awaitWatchOfEtc());
     // The screen saver is followed from here on.
     ASSERT_TRUE(await([&] {
-        saver.emit(toAll, "ActiveChanged", "b", 1);
+        desktop.emit(true);
         return daemon->events().size() == 1;
     }));
     const std::size_t mark = agent->log().mark();
@@ -113,10 +110,7 @@ TEST_F(SystemBus, StoppedWhileEventsComeCostsNeitherLinesNorMemoryAndRecovers) {
 
     bus.freeze();
     constexpr std::size_t rounds = 1500;
-    for (std::size_t round = 0; round < rounds; ++round) {
-        saver.emit(toAll, "ActiveChanged", "b", 0);
-        saver.emit(toAll, "ActiveChanged", "b", 1);
-    }
+    desktop.unlockAndLock(rounds);
     // The agent sees and logs all of it although nothing can be sent.
     ASSERT_TRUE(agent->log().awaitCount(message::sendingStatus, 2 * rounds, mark));
     machine.timeZones().setByRename(eastZone);

@@ -14,6 +14,7 @@
 
 #include "link/support/LinkTest.h"
 #include "link/support/ListeningSocket.h"
+#include "link/support/MateDesktop.h"
 #include "link/support/ScriptedBus.h"
 #include "link/support/SilentBus.h"
 
@@ -157,28 +158,21 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST_F(Shutdown, EndsSoonWithOutputLeftOverForTheSystemBus) {
-    PrivateBus sessionBus;
-    sessionBus.start();
-    options.sessionBus = sessionBus.address();
-    BusPeer saver(sessionBus.address(), agentUser);
-    ASSERT_EQ(saver.requestName("org.mate.ScreenSaver"), 1U);
-    const BusTarget toAll{"", "/org/mate/ScreenSaver", "org.mate.ScreenSaver"};
+    MateDesktop desktop(agentUser);
+    options.sessionBus = desktop.busAddress();
     startSystem();
     expectEnds("SystemBusFrozenWithOutputLeftOver", [&] {
         bus.thaw();
         daemon.reset();
         startLinked();
         ASSERT_TRUE(await([&] {
-            saver.emit(toAll, "ActiveChanged", "b", 1);
+            desktop.emit(true);
             return daemon->events().size() == 1;
         }));
         const std::size_t mark = agent->log().mark();
         bus.freeze();
         constexpr std::size_t rounds = 1500;
-        for (std::size_t round = 0; round < rounds; ++round) {
-            saver.emit(toAll, "ActiveChanged", "b", 0);
-            saver.emit(toAll, "ActiveChanged", "b", 1);
-        }
+        desktop.unlockAndLock(rounds);
         ASSERT_TRUE(agent->log().awaitCount(message::sendingStatus, 2 * rounds, mark));
     });
 }
