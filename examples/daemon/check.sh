@@ -10,12 +10,29 @@ fail() { echo "examples: $*" >&2; exit 1; }
 
 cmake --build "$build" --target daemon_example velmmonitord velmdaemon-sim velm_interfaces
 
+# typed TIMELINE: what is played, with the agent's end when the daemon has heard the rest, and the bus's when it has seen that.
+typed() {
+    printf '%s\n' lock unlock 'zone Asia/Tokyo'
+    await_line ': time zone changed$' "$1"
+    echo logout
+    await_line ': gone$' "$1"
+}
+
+# What does not come within half a minute is missed later, by name.
+await_line() {
+    local tries
+    for ((tries = 0; tries < 300; tries++)); do
+        ! grep -Eqs "$1" "$2" || return 0
+        sleep 0.1
+    done
+}
+
 # plays NAME COMMAND: the timeline that the command's daemon and the agent make of a lock, an unlock and another zone.
 plays() {
     local name=$1 command=$2 timeline=$build/examples/daemon-$1.txt line
     echo "== $name"
-    printf '%s\n' lock unlock 'zone Asia/Tokyo' |
-        timeout 120 /usr/bin/python3 -B tools/demo/demo.py --stay --daemon-command "$command" --daemon-directory "$PWD" \
+    rm -f "$timeline"
+    typed "$timeline" | timeout 120 /usr/bin/python3 -B tools/demo/demo.py --stay --daemon-command "$command" --daemon-directory "$PWD" \
             "$build/src/velmmonitord/velmmonitord" "$build/tools/velmdaemon-sim/linux/velmdaemon-sim" >"$timeline" ||
         { cat "$timeline"; fail "the play with $name failed"; }
     for line in 'daemon +ready' 'daemon +[^ ]+: connected; whether' 'agent .*xpc: connection is established: 1' \

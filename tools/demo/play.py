@@ -18,6 +18,7 @@ def link_up(stage, timeline):
     timeline.wait("agent", r"velmmonitord started$")
     timeline.wait("agent", r"Monitor launcher: requesting connect$")
     timeline.wait("daemon", r"<- connect$")
+    timeline.wait("daemon", r"-> connected +YES$")
     timeline.wait("agent", r"xpc: connection is established: 1$")
     timeline.wait("agent", r"Monitor launcher: connected came$")
 

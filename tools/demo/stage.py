@@ -139,9 +139,10 @@ class Stage:
         self._until("a daemon that owns com.brovik.velmdaemon", owned)
 
     def start_agent(self):
+        if self._agent is None:
+            # It flushes its log file, line by line, and not its standard output.
+            threading.Thread(target=self.timeline.follow, args=("agent", self.log), daemon=True).start()
         self._agent = self._start("agent", [self._options.agent], stdout=subprocess.DEVNULL)
-        # It flushes its log file, line by line, and not its standard output.
-        threading.Thread(target=self.timeline.follow, args=("agent", self.log), daemon=True).start()
 
     def tell_daemon(self, command):
         try:
@@ -151,9 +152,7 @@ class Stage:
             raise Missing("a daemon that runs") from None
 
     def kill_daemon(self):
-        # With what it has started: a command of the shell's may be more than one process.
-        with contextlib.suppress(ProcessLookupError):
-            os.killpg(self._daemon.pid, signal.SIGKILL)
+        self._signal(self._daemon, signal.SIGKILL)
         self._daemon.wait()
 
     def daemon_help(self):
@@ -222,12 +221,11 @@ class Stage:
         """Ends everything: the agent first, which would mourn the daemon, then the last started first."""
         agent = [self._agent] if self._agent else []
         for process in agent + self._processes[::-1]:
-            if process.poll() is None:
-                process.terminate()
             try:
+                self._signal(process, signal.SIGTERM)
                 process.wait(timeout=5)
             except subprocess.TimeoutExpired:
-                process.kill()
+                self._signal(process, signal.SIGKILL)
                 process.wait()
 
     def complaints(self):
@@ -247,6 +245,13 @@ class Stage:
                                        start_new_session=True, preexec_fn=die_with_parent, **streams)
         self._processes.append(process)
         return process
+
+    @staticmethod
+    def _signal(process, number):
+        """With what it has started: a command of the shell's may be more than one process."""
+        if process.poll() is None:
+            with contextlib.suppress(ProcessLookupError):
+                os.killpg(process.pid, number)
 
     def _until(self, what, attempt, cap=20.0):
         deadline = time.monotonic() + cap

@@ -10,6 +10,7 @@ OWN_HELP = """\
   zone NAME                       change the time zone, for example: zone Europe/Berlin
   kill                            kill the daemon
   restart                         kill the daemon, if it runs, and start it
+  logout, login                   end the agent, and start it again
   help                            print these lines
   quit                            end everything; so do Ctrl-C and the end of the input"""
 
@@ -36,7 +37,8 @@ class Player:
                                           if line.split()[0] not in ("help", "quit")]
         self._words = {line.split()[0] for line in self._of_daemon}
         self._commands = {"lock": self._lock, "unlock": self._unlock, "zone": self._zone, "kill": self._kill,
-                          "restart": self._restart, "help": self._help}
+                          "restart": self._restart, "logout": self._logout, "login": self._login,
+                          "help": self._help}
 
     def obey(self, line):
         """Carries out one line; False if it asks for the end."""
@@ -81,6 +83,16 @@ class Player:
     def _restart(self, _rest):
         self._stage.kill_daemon()
         self._stage.start_daemon()
+
+    def _logout(self, _rest):
+        if self._stage.agent_status() is not None:
+            raise Refused("the agent has ended already")
+        self._stage.end_agent()
+
+    def _login(self, _rest):
+        if self._stage.agent_status() is None:
+            raise Refused("the agent runs already")
+        self._stage.start_agent()
 
     def _help(self, _rest):
         self._stage.timeline.settle()

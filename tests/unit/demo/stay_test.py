@@ -12,11 +12,23 @@ class FakeStage:
 
     def __init__(self):
         self.done = []
+        self.status = None
         self.etc = self
         self.timeline = self
 
     def __getattr__(self, name):
         return lambda *arguments: self.done.append((name, *arguments))
+
+    def agent_status(self):
+        return self.status
+
+    def start_agent(self):
+        self.done.append(("start_agent",))
+        self.status = None
+
+    def end_agent(self):
+        self.done.append(("end_agent",))
+        self.status = 0
 
     def daemon_help(self):
         return ["  put TEXT   send it", "  help       these lines", "  quit       end"]
@@ -34,6 +46,15 @@ class PlayerTest(unittest.TestCase):
         self.assertEqual(self.after("lock", " unlock \n", "zone Europe/Berlin", "kill", "restart"),
                          [("set_locked", True), ("set_locked", False), ("set_zone", "Europe/Berlin"),
                           ("kill_daemon",), ("kill_daemon",), ("start_daemon",)])
+
+    def test_ends_the_agent_once_and_starts_it_again(self):
+        self.assertEqual(self.after("logout", "login"), [("end_agent",), ("start_agent",)])
+        player = Player(FakeStage(), None)
+        with self.assertRaises(Refused):
+            player.obey("login")
+        player.obey("logout")
+        with self.assertRaises(Refused):
+            player.obey("logout")
 
     def test_hands_the_daemons_commands_on(self):
         self.assertEqual(self.after("put some  text"), [("tell_daemon", "put some  text")])
@@ -58,7 +79,7 @@ class PlayerTest(unittest.TestCase):
         with contextlib.redirect_stdout(out):
             self.after("help")
         words = [line.split()[0] for line in out.getvalue().splitlines() if line.startswith("  ")]
-        self.assertEqual(words, ["lock,", "zone", "kill", "restart", "help", "quit", "put"])
+        self.assertEqual(words, ["lock,", "zone", "kill", "restart", "logout,", "help", "quit", "put"])
 
 
 if __name__ == "__main__":
