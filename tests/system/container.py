@@ -99,8 +99,11 @@ class Container:
                                  self.console.read_text(errors="replace")[-2000:])
         children = pathlib.Path(f"/proc/{self._nspawn.pid}/task/{self._nspawn.pid}/children").read_text().split()
         for child in children:
-            if pathlib.Path(f"/proc/{child}/comm").read_text().strip() == "systemd":
-                return int(child)
+            try:
+                if pathlib.Path(f"/proc/{child}/comm").read_text().strip() == "systemd":
+                    return int(child)
+            except OSError:
+                continue  # one of its short-lived helpers, gone meanwhile
         return None
 
     def stop(self):
@@ -125,8 +128,8 @@ class Container:
         return ["nsenter", "-t", str(self._leader), "-m", "-p", "-u", "-i", "-n", "-C", "-r", "-w", "--", *inside]
 
     def open(self, *command, user=None, env=None):
-        """Starts a command in the container, to talk with over pipes of text lines."""
-        return subprocess.Popen(self._inside(command, user, env), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+        """Starts a command in the container, to talk with over pipes of text lines; ended after some minutes."""
+        return subprocess.Popen(self._inside(("timeout", "--foreground", "300", *command), user, env), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, text=True)
 
     def run(self, *command, user=None, env=None, check=True, cap=120):

@@ -35,9 +35,9 @@ chmod 755 "$work/root/usr/sbin/policy-rc.d"
     "$roots/enter.sh" "$work/root" --bind "$archives" /var/cache/apt/archives -- \
         env DEBIAN_FRONTEND=noninteractive sh -c \
         'apt-get update && apt-get install -y --no-install-recommends -o Dpkg::Options::=--force-unsafe-io "$@"' \
-        sh "${packages[@]}"
-    # The display manager has no screen here; whoever needs it starts it.
-    "$roots/enter.sh" "$work/root" -- systemctl set-default multi-user.target
+        sh "${packages[@]}" &&
+        # The display manager has no screen here; whoever needs it starts it.
+        "$roots/enter.sh" "$work/root" -- systemctl set-default multi-user.target
 } >"$work/log" 2>&1 || { tail -n 15 "$work/log" >&2; exit 1; }
 rm -rf "$work/root/usr/sbin/policy-rc.d" "$work/root"/var/lib/apt/lists/*
 : >"$work/root/etc/machine-id"

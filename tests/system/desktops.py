@@ -159,7 +159,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--root", type=pathlib.Path, required=True)
     parser.add_argument("--packages", type=pathlib.Path, required=True)
-    parser.add_argument("--only")
+    parser.add_argument("--only", choices=[locker.package for locker in LOCKERS])
     arguments = parser.parse_args()
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit(1))
@@ -178,7 +178,7 @@ def main():
             verdict = "yes"
             try:
                 try_locker(world, number, locker)
-            except AssertionError as error:
+            except (AssertionError, subprocess.TimeoutExpired) as error:
                 failed += 1
                 verdict = "**no**: " + " ".join(str(error).split())[:200]
             print(f"| {locker.package} | {version_of(world, locker.package) or '-'} | `{locker.lock}` | {verdict} |", flush=True)

@@ -184,6 +184,9 @@ def boot(fault, packages, previous, tarball, log):
 def main():
     packages, tarball, work = (pathlib.Path(path).resolve() for path in sys.argv[1:4])
     wanted = sys.argv[4:]
+    unknown = set(wanted) - {fault.name for fault in FAULTS}
+    if unknown:
+        sys.exit(f"faults.py: there is no fault {', '.join(sorted(unknown))}")
     builder = Builder(work)
     previous = work / "previous"
     work.mkdir(parents=True, exist_ok=True)

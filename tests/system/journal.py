@@ -4,10 +4,12 @@
 Usage: journal.py PACKAGES ROOT_TARBALL SECONDS
   PACKAGES      what packaging/linux/build-packages.sh built
   ROOT_TARBALL  what tests/roots/base-root.sh printed
+SECONDS of no more than some hours, before the agents' own logs are rotated: their lines are counted in the live file.
 Prints what grew meanwhile; the status is 0 only if none of it is the agents'. Needs root; no step of ./check.
 """
 
 import pathlib
+import signal
 import subprocess
 import sys
 import tempfile
@@ -44,6 +46,8 @@ def measured(world):
 def main():
     packages, tarball = (pathlib.Path(path).resolve() for path in sys.argv[1:3])
     seconds = int(sys.argv[3])
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: sys.exit(1))
     with tempfile.TemporaryDirectory(prefix="velm-journal.", dir="/var/tmp") as work:
         root = pathlib.Path(work) / "root"
         root.mkdir()
@@ -58,11 +62,11 @@ def main():
                 user.wait_for_messages(0, REQUEST)
             before, began = measured(world), time.monotonic()
             time.sleep(seconds)
-            after = measured(world)
+            after, took = measured(world), time.monotonic() - began
             asked = {user.name: user.messages().count(REQUEST) for user in world.users}
         finally:
             world.container.stop()
-    print(f"{time.monotonic() - began:.0f} s without a daemon, times asked: {asked}")
+    print(f"{took:.0f} s without a daemon, times asked: {asked}")
     for what, size_before in before.items():
         print(f"{what}: {size_before} bytes, then {after[what]}")
     assert min(asked.values()) > 0.9 * seconds, "the agents did not ask once a second"

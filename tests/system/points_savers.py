@@ -1,7 +1,6 @@
 """Desktops that tell of a lock only on the session bus."""
 
 import contextlib
-import time
 
 from points_events import LOCKED, UNLOCKED
 
@@ -25,7 +24,7 @@ def running_saver(world, user, name, path):
     try:
         assert saver.stdout.readline() == "ready\n", saver.stdout.read()
         # The agent asks a new saver for its state before it believes its signals.
-        time.sleep(1)
+        assert saver.stdout.readline() == "asked\n", saver.stdout.read()
         yield lambda command: print(command, file=saver.stdin, flush=True)
     finally:
         saver.stdin.close()

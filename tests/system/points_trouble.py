@@ -148,11 +148,12 @@ def replaced_program(world):
         for change in (f"cp --preserve {PROGRAM}.kept {PROGRAM}.new && mv {PROGRAM}.new {PROGRAM}", f"rm {PROGRAM}"):
             run("sh", "-c", change)
             tells_the_daemon(world, world.alice, world.alices_session)
-            marks = [(user, user.log_mark()) for user in world.users]
+            marks, since = [(user, user.log_mark()) for user in world.users], world.daemon.mark()
             world.daemon.stop()
             world.daemon.start()
             for user, mark in marks:
                 user.wait_for_messages(mark, "Monitor launcher: disconnected came", "Monitor launcher: connected came")
+                world.daemon.wait_for(user, since, "connect")
             assert {user: user.agent_pid() for user in world.users} == before, "an agent was touched"
     finally:
         run("mv", PROGRAM + ".kept", PROGRAM)

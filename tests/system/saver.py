@@ -18,6 +18,7 @@ class Saver(dbus.service.Object):
 
     @dbus.service.method(NAME, out_signature="b")
     def GetActive(self):
+        print("asked", flush=True)
         return self.active
 
     @dbus.service.signal(NAME, signature="b")
