@@ -3,6 +3,7 @@
 #include <future>
 
 #include "World.h"
+#include "platform/LossPacing.h"
 
 // What XpcConnection.h promises, under each reading of the points that Apple's documents leave open.
 
@@ -92,7 +93,7 @@ TEST_P(PromiseTest, NoLossCloseBehindACall) {
     peer->die();
     EXPECT_TRUE(eventuallyLost());
     const auto entries = record.entries();
-    EXPECT_GE(entries.back().when - entries.front().when, 100ms);
+    EXPECT_GE(entries.back().when - entries.front().when, platform::LossPacing::distanceToCalls);
 }
 
 TEST_P(PromiseTest, NoCallOrReplyAfterTheLoss) {

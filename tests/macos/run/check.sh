@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Runs the macOS side on Linux: the adapters, the agent, the stand-in and the example daemon, over a test-only Objective-C
-# runtime and doubles of the frameworks, under the address and undefined-behaviour sanitizers.
+# runtime and doubles of the frameworks; all but the agent's core, which Linux has too, under the address and
+# undefined-behaviour sanitizers.
 #
 # Usage: tests/macos/run/check.sh [BUILD_DIR [LINUX_BUILD_DIR]]        status 77: it can't be done here
 #
