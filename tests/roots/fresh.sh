@@ -47,7 +47,7 @@ trap 'exit 130' INT TERM
 
 # The tree as it is here, also what is not committed yet; git's own files, since ./check asks it for the sources.
 checkout() {
-    git -c safe.directory='*' clone --quiet --no-hardlinks "$sources" "$1"
+    git -c safe.directory='*' clone --quiet --no-hardlinks "$sources" "$1" || return
     git -c safe.directory='*' -C "$sources" ls-files -z --deduplicate |
         (cd "$sources" && xargs -0 sh -c 'for file; do test ! -e "$file" || printf "%s\0" "$file"; done' sh) |
         tar -C "$sources" --null --verbatim-files-from -T - -cf - | tar -C "$1" -xf -
@@ -81,9 +81,10 @@ in_root() {
 
 prepare() {
     local release=$1 root=$work/$1 tarball user home
-    tarball=$("$here/base-root.sh" "$release" fresh)
+    # No failure ends a function whose status somebody looks at.
+    tarball=$("$here/base-root.sh" "$release" fresh) || return
     mkdir "$root"
-    tar -C "$root" -xf "$tarball"
+    tar -C "$root" -xf "$tarball" || return
     rm -f "$root/usr/sbin/policy-rc.d"
     # The system is thrown away, so it need not outlive a loss of power.
     echo force-unsafe-io >"$root/etc/dpkg/dpkg.cfg.d/unsafe-io"
@@ -92,7 +93,7 @@ prepare() {
     echo 'newcomer ALL=(ALL) NOPASSWD: ALL' >"$root/etc/sudoers.d/newcomer"
     for user in root newcomer; do
         home=$root/$(chroot "$root" getent passwd "$user" | cut -d : -f 6)
-        checkout "$home/velmmonitord"
+        checkout "$home/velmmonitord" || return
         chroot "$root" chown -R "$user:$user" "${home#"$root"}/velmmonitord"
     done
 }
