@@ -39,11 +39,12 @@ count_tests() {
         END {if (seen) print passed + 0, failed + 0, skipped + 0}' "$1"
 }
 
-# The tests that ctest skipped, each with the reason that it printed.
+# The tests that ctest skipped, each with the reason that it printed; and what others say of theirs, "skipped: WHAT: REASON".
 print_skipped_tests() {
     awk '
         /^ *[0-9]+\/[0-9]+ Test .*\*\*\*Skipped/ {sub(/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: /, ""); print "    skipped: " $1}
-        /: Skipped$/ {getline; print "             " $0}' "$1"
+        /: Skipped$/ {getline; print "             " $0}
+        /^skipped: / {print "    " $0}' "$1"
 }
 
 print_progress() { [[ -t 1 ]] && printf '....                   %-14s %s' "$1" "${described[$1]}"; return 0; }
