@@ -1,9 +1,12 @@
 """The lists of mutants: what one is, and whether it still applies to the tree."""
 
+import re
 import tomllib
 from collections import Counter
 from dataclasses import dataclass
 from pathlib import Path
+
+from test_names import test_names
 
 ALLOWED = {"name", "file", "from", "to", "build", "test", "command", "slow"}
 
@@ -61,7 +64,7 @@ def load(directory):
     return mutants
 
 
-def _problem(mutant, tree):
+def _problem(mutant, tree, tests):
     path = tree / mutant.file
     if not path.is_file():
         return f"there is no {mutant.file}"
@@ -70,11 +73,14 @@ def _problem(mutant, tree):
     occurrences = path.read_bytes().decode().count(mutant.original)
     if occurrences != 1:
         return f"its text stands {occurrences} times in {mutant.file}"
+    if mutant.test and not any(re.search(mutant.test, name) for name in tests):
+        return f"no test is named {mutant.test}"
     return None
 
 
 def problems(mutants, tree):
     """One line for each mutant that cannot be applied."""
-    found = [f"{mutant}: {problem}" for mutant in mutants if (problem := _problem(mutant, tree))]
+    tests = test_names(tree)
+    found = [f"{mutant}: {problem}" for mutant in mutants if (problem := _problem(mutant, tree, tests))]
     names = Counter(str(mutant) for mutant in mutants)
     return found + [f"{name}: stands {count} times in its list" for name, count in names.items() if count > 1]
