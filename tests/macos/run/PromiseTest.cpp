@@ -53,7 +53,8 @@ TEST_P(PromiseTest, NoLossBeforeSomethingWasSent) {
     peer->unload();
     const auto link = connection();
     link->resume();
-    std::this_thread::sleep_for(aWhile);
+    // The first loss of a process comes a second after its launch at the earliest.
+    std::this_thread::sleep_for(1500ms);
     EXPECT_EQ(losses(), 0U);
     link->remoteObjectProxy()->connect();
     EXPECT_TRUE(eventuallyLost());
