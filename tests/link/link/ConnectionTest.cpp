@@ -40,6 +40,7 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 constexpr uid_t nobody = 65534;
+constexpr const char* unknownMethod = "org.freedesktop.DBus.Error.UnknownMethod";
 
 /// The first loss of a process comes a second after its launch at the earliest.
 constexpr milliseconds pastTheFirstLoss{1500};
@@ -110,6 +111,11 @@ protected:
 class ConnectionOnABus : public Connection {
 protected:
     ConnectionOnABus() { bus.start(); }
+
+    /// Until the bus has told the connection who the daemon is, it is denied everything, as everybody is.
+    static void awaitKnown(BusPeer& daemon, const BusTarget& target) {
+        ASSERT_TRUE(await([&] { return daemon.call(target, "nonsense", "").error == unknownMethod; }));
+    }
 };
 
 std::vector<std::string> textsOf(const BusPeer& peer) {
@@ -197,8 +203,8 @@ TEST_F(ConnectionOnABus, AnswersTheDaemonsCallWhenAnAnswerIsAskedFor) {
     const BusTarget target = linkUp(*connection, *daemon);
     EXPECT_TRUE(daemon->call(target, "connected", "b", 1).ok());
     EXPECT_EQ(daemon->call(target, "connected", "s", "yes").error, "org.freedesktop.DBus.Error.InvalidArgs");
-    EXPECT_EQ(daemon->call(target, "nonsense", "").error, "org.freedesktop.DBus.Error.UnknownMethod");
-    EXPECT_EQ(daemon->call(target, "rmmMessage", "ay", 0).error, "org.freedesktop.DBus.Error.UnknownMethod");
+    EXPECT_EQ(daemon->call(target, "nonsense", "").error, unknownMethod);
+    EXPECT_EQ(daemon->call(target, "rmmMessage", "ay", 0).error, unknownMethod);
     // The answer says that the call was taken; it is delivered after that.
     EXPECT_TRUE(await([&] { return !agent->calls().empty(); }));
     EXPECT_EQ(agent->calls(), std::vector<std::string>{"connected:1"});
@@ -237,13 +243,11 @@ TEST_F(ConnectionOnABus, HoldsCallsUntilItHasSentSomething) {
     auto daemon = newDaemon();
     auto connection = resumed();
     const BusTarget target = agentAt(nameOfAgent(*daemon));
+    awaitKnown(*daemon, target);
     daemon->send(target, "connected", "b", 1);
     daemon->send(target, "logLevel", "x", std::int64_t{1});
-    // The refusal comes in its turn, so those before it were seen. Until the bus has said who the daemon is,
-    // it is another.
-    EXPECT_TRUE(await([&] {
-        return daemon->call(target, "nonsense", "").error == "org.freedesktop.DBus.Error.UnknownMethod";
-    }));
+    // The refusal comes in its turn, so those before it were seen.
+    EXPECT_EQ(daemon->call(target, "nonsense", "").error, unknownMethod);
     EXPECT_EQ(agent->calls(), std::vector<std::string>{});
     connection->remoteObjectProxy()->connect();
     daemon->send(target, "logLevel", "x", std::int64_t{2});
@@ -255,6 +259,7 @@ TEST_F(ConnectionOnABus, HoldsNoMoreCallsThanADaemonInAHurryMakes) {
     auto daemon = newDaemon();
     auto connection = resumed();
     const BusTarget target = agentAt(nameOfAgent(*daemon));
+    awaitKnown(*daemon, target);
     for (int i = 0; i < 128; ++i) {
         daemon->send(target, "logLevel", "x", std::int64_t{i});
     }
@@ -274,6 +279,7 @@ TEST_F(ConnectionOnABus, HoldsNoMoreBytesThanTwoLargeCallsHave) {
         EXPECT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
         return message;
     };
+    awaitKnown(*daemon, target);
     for (int i = 0; i < 3; ++i) {
         daemon->send(newCall());
     }
@@ -288,13 +294,14 @@ TEST_F(ConnectionOnABus, HasRoomForTheCallsOfTheNextDaemonInAHurry) {
     auto connection = resumed();
     const BusTarget target = agentAt(nameOfAgent(*daemon));
     const auto sendThree = [&] {
+        awaitKnown(*daemon, target);
         for (int i = 0; i < 3; ++i) {
             auto message = daemon->newCall(target, "putMessage");
             ASSERT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
             daemon->send(message);
         }
         // The refusal comes in its turn, so those before it were seen.
-        EXPECT_EQ(daemon->call(target, "nonsense", "").error, "org.freedesktop.DBus.Error.UnknownMethod");
+        EXPECT_EQ(daemon->call(target, "nonsense", "").error, unknownMethod);
     };
     sendThree();
     daemon->disconnect();
@@ -408,11 +415,8 @@ TEST_F(ConnectionOnABus, KeepsItsExportedObjectAlive) {
 TEST_F(ConnectionOnABus, AnOwnerThatLeavesBeforeAnythingWasSentIsNoLoss) {
     auto first = newDaemon();
     auto connection = resumed();
-    // So long as it is not known for the daemon it is denied this, as everybody is.
     const BusTarget target = agentAt(nameOfAgent(*first));
-    ASSERT_TRUE(await([&] {
-        return first->call(target, "unknown", "").error == "org.freedesktop.DBus.Error.UnknownMethod";
-    }));
+    awaitKnown(*first, target);
     BusPeer observer(bus.address(), 0);
     first->disconnect();
     ASSERT_TRUE(await([&] { return !observer.nameHasOwner("com.brovik.velmdaemon"); }));
