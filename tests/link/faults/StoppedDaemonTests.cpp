@@ -54,11 +54,14 @@ protected:
             m_desktop.emit(edge % 2 == 1);
             if (edge % atOnce == atOnce - 1) {
                 ASSERT_TRUE(await([&] { return eventsInTheOutput() >= edge + 1 - atOnce; }, patience));
-                m_most = std::max(m_most, resourcesOf(agent->pid()).memory);
+                lookAtItsMemory();
             }
         }
         m_desktop.await();
+        lookAtItsMemory();
     }
+
+    void lookAtItsMemory() { m_most = std::max(m_most, resourcesOf(agent->pid()).memory); }
 
     /// About how many the agent has sent: of its output, the last few thousand bytes have not been written
     /// yet.
