@@ -235,6 +235,7 @@ TEST_F(TimeZone, ReportsAFileThatIsCreatedAndWrittenOnce) {
 TEST_F(TimeZone, ReportsALinkThatIsMovedAway) {
     start();
     fs::rename(localtime(), etc() / "localtime.old");
+    EXPECT_TRUE(waitForReports(1));
     settle();
     EXPECT_EQ(m_followed, std::nullopt);
     EXPECT_EQ(m_reports, 1);
