@@ -6,9 +6,6 @@
 namespace link_tests {
 namespace {
 
-const Messages daemonSawLock{"onScreenLocked true"};
-const Messages daemonSawUnlock{"onScreenLocked false"};
-
 class ScreenLock : public LinkTest {
 protected:
     void SetUp() override {

@@ -15,9 +15,6 @@ constexpr Saver mate{"org.mate.ScreenSaver", "/org/mate/ScreenSaver"};
 constexpr Saver cinnamon{"org.cinnamon.ScreenSaver", "/org/cinnamon/ScreenSaver"};
 constexpr Saver xfce{"org.xfce.ScreenSaver", "/org/xfce/ScreenSaver"};
 
-const Messages daemonSawLock{"onScreenLocked true"};
-const Messages daemonSawUnlock{"onScreenLocked false"};
-
 class ScreenSaver : public LinkTest {
 protected:
     ScreenSaver() { options.sessionBus = sessionBus.address(); }

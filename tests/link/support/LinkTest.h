@@ -20,6 +20,10 @@ inline constexpr uid_t agentUser = 1;
 inline constexpr uid_t otherUser = 5;
 inline constexpr uid_t intruderUser = 65534;
 
+/// What FakeDaemon::events() has of a lock and of an unlock.
+inline const Messages daemonSawLock{"onScreenLocked true"};
+inline const Messages daemonSawUnlock{"onScreenLocked false"};
+
 /// Fails the test, with the reason, unless root runs it: before anything of the stage is built.
 class RootOnly {
 public:

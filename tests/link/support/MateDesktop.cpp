@@ -6,7 +6,7 @@
 namespace link_tests {
 namespace {
 
-constexpr const char* name = "org.mate.ScreenSaver";
+constexpr const char* saverName = "org.mate.ScreenSaver";
 
 const std::string& startedAddress(PrivateBus& bus) {
     bus.start();
@@ -17,13 +17,13 @@ const std::string& startedAddress(PrivateBus& bus) {
 
 MateDesktop::MateDesktop(uid_t user) : m_saver(startedAddress(m_bus), user) {
     constexpr std::uint32_t owner = 1;
-    if (m_saver.requestName(name) != owner) {
+    if (m_saver.requestName(saverName) != owner) {
         throw std::runtime_error("the screen saver did not get its name");
     }
 }
 
 void MateDesktop::emit(bool active) {
-    static const BusTarget toAll{"", "/org/mate/ScreenSaver", name};
+    static const BusTarget toAll{"", "/org/mate/ScreenSaver", saverName};
     m_saver.emit(toAll, "ActiveChanged", "b", static_cast<int>(active));
 }
 

@@ -25,9 +25,6 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using testing_access::stateOf;
 
-constexpr auto never = 1h;  // an interval that no test outlives
-constexpr auto a_while = 50ms;
-
 bool idle(cmn::BaseTimer& timer) {
     return !timer.active() && !stateOf(timer).m_inTask.load();
 }

@@ -3,6 +3,10 @@
 #include <chrono>
 #include <thread>
 
+/// What no test outlives, as an interval or a delay.
+constexpr std::chrono::hours never{1};
+constexpr std::chrono::milliseconds a_while{50};
+
 /// Polls until `condition` holds; false after twenty seconds of waiting in vain.
 template <typename Condition>
 bool eventually(Condition condition) {

@@ -22,8 +22,6 @@ using testing_access::conditionOf;
 using testing_access::countOf;
 using testing_access::mutexOf;
 
-constexpr auto a_while = 50ms;
-
 std::uint32_t count(cmn::Semaphore& semaphore) {
     const std::lock_guard<std::mutex> lock(mutexOf(semaphore));
     return countOf(semaphore);

@@ -28,9 +28,6 @@ using testing_access::countOf;
 using testing_access::mutexOf;
 using testing_access::stateOf;
 
-constexpr auto never = 1h;  // a delay that no test outlives
-constexpr auto a_while = 50ms;
-
 // Keeps a timer's worker inside a callback, so that what a test does to the queue stays as it did it.
 class HeldWorker {
 public:

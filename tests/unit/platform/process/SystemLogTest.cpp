@@ -62,10 +62,10 @@ TEST(SystemLog, WritesOneLineToTheLogAndNowhereElse) {
         const int log = openDevLog();
         platform::writeSystemLog("no file at path = ", "/a\nb%s\n\nc");
         // LOG_USER is 1 and LOG_ERR is 3, in one number 1 * 8 + 3.
-        const std::regex line("<11>.* velmmonitord\\[" + std::to_string(getpid()) +
-                              "\\]: no file at path = /a b%s  c");
+        const std::regex expected("<11>.* velmmonitord\\[" + std::to_string(getpid()) +
+                                  "\\]: no file at path = /a b%s  c");
         const std::string message = nextMessage(log);
-        if (!std::regex_match(message, line)) {
+        if (!std::regex_match(message, expected)) {
             return 1;
         }
         return nextMessage(log).empty() ? 0 : 2;

@@ -94,18 +94,18 @@ TEST(OperationQueue, MayBeReleasedInsideItsOwnOperation) {
 TEST(OperationQueue, RunsAsManyAtOnceAsItIsWide) {
     const auto queue = platform::createOperationQueue();
     queue->setMaxConcurrentOperationCount(2);
-    std::promise<void> first;
-    std::promise<void> second;
+    std::promise<void> oneRuns;
+    std::promise<void> otherRuns;
     // Each waits for the other: this ends only if both are under way at once.
     std::array<std::promise<void>, 2> ends;
     queue->addOperation([&] {
-        first.set_value();
-        second.get_future().wait();
+        oneRuns.set_value();
+        otherRuns.get_future().wait();
         ends[0].set_value();
     });
     queue->addOperation([&] {
-        second.set_value();
-        first.get_future().wait();
+        otherRuns.set_value();
+        oneRuns.get_future().wait();
         ends[1].set_value();
     });
     for (auto& end : ends) {
