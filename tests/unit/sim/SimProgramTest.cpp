@@ -120,6 +120,9 @@ public:
         return call;
     }
 
+    /// The text of the error that answers `rmmMessage`; null for none.
+    void refuseWith(const char* text) { m_refusal = text; }
+
 private:
     static int onAnswer(sd_bus_message* /*reply*/, void* userdata, sd_bus_error* /*error*/) noexcept {
         *static_cast<bool*>(userdata) = true;
@@ -129,7 +132,7 @@ private:
     int called(sd_bus_message* call, sd_bus_error* error) {
         const std::string member = sd_bus_message_get_member(call);
         if (member == "rmmMessage") {
-            return sd_bus_error_set(error, SD_BUS_ERROR_UNKNOWN_METHOD, "not here");
+            return sd_bus_error_set(error, SD_BUS_ERROR_UNKNOWN_METHOD, m_refusal);
         }
         std::string details;
         if (sd_bus_message_has_signature(call, "ay") > 0) {
@@ -153,6 +156,7 @@ private:
     ProtocolVTable m_table;
     BusHandle m_bus;
     SlotHandle m_slot;
+    const char* m_refusal = "not here";
     std::vector<std::string> m_calls;
 };
 
@@ -266,6 +270,19 @@ TEST_F(SimProgram, ShowsHowTheAgentRefusesRmmMessages) {
     EXPECT_EQ(agent.awaitCall(), "putMessage 1");
     EXPECT_THAT(daemon->awaitLine("refused"),
                 EndsWith("rmmMessage: org.freedesktop.DBus.Error.UnknownMethod: not here"));
+}
+
+TEST_F(SimProgram, ShowsARefusalWithoutAText) {
+    const auto daemon = startReady();
+    FakeAgent agent(bus.address());
+    agent.refuseWith(nullptr);
+    agent.call("connect");
+    EXPECT_EQ(agent.awaitCall(), "connected YES");
+    daemon->say("rmm do this");
+    daemon->say("put x");
+    EXPECT_EQ(agent.awaitCall(), "putMessage 1");
+    EXPECT_THAT(daemon->awaitLine("refused"),
+                EndsWith("rmmMessage: org.freedesktop.DBus.Error.UnknownMethod"));
 }
 
 TEST_F(SimProgram, AnswersLate) {

@@ -44,8 +44,12 @@ void DBusAgent::rmmMessage(const XpcData& data) {
     const MessageHandle call = newCall("rmmMessage");
     int result = sd_bus_message_append_array(call.get(), 'y', data.bytes, data.length);
     if (result >= 0) {
-        result = sd_bus_call_async(m_bus, OutHandle(m_pending.emplace_back()), call.get(),
+        SlotHandle slot;
+        result = sd_bus_call_async(m_bus, OutHandle(slot), call.get(),
                                    busCallback<&DBusAgent::replied, DBusAgent>, this, 0);
+        if (result >= 0) {
+            m_pending.push_back(std::move(slot));
+        }
     }
     reportError("rmmMessage", result);
 }
@@ -84,7 +88,8 @@ void DBusAgent::replied(sd_bus_message* reply) {
     sd_bus_slot* current = sd_bus_get_current_slot(sd_bus_message_get_bus(reply));
     m_pending.remove_if([current](const SlotHandle& slot) { return slot.get() == current; });
     if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
-        m_refused("rmmMessage", std::string(error->name) + ": " + error->message);
+        const std::string text = error->message != nullptr ? std::string(": ") + error->message : "";
+        m_refused("rmmMessage", error->name + text);
     }
 }
 
