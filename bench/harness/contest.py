@@ -11,6 +11,9 @@ import statistics
 import time
 
 
+NO_RATIO = "none: not above zero in each round"
+
+
 class NotHere(Exception):
     """A peer that is not installed."""
 
@@ -68,16 +71,23 @@ class Result:
         number = number or self.row.value
         return [result[number] for result in self.results[name] if result is not None]
 
+    def pairs(self):
+        """{title: [(subject's value, other's) of each round]}, for rows that compare the subject with each other."""
+        subject = self.results[self.row.subject]
+        return {f"{self.row.subject} / {name}": [(mine[self.row.value], other[self.row.value])
+                                                 for mine, other in zip(subject, self.results[name]) if mine and other]
+                for name in (list(self.results)[1:] if self.row.ratios is None else ())}
+
+    def indivisible(self):
+        """The pairs that were measured and have no ratio: who calls too early is late by less than nothing."""
+        return [title for title, pairs in self.pairs().items() if any(min(pair) <= 0 for pair in pairs)]
+
     def ratios(self):
         """(title, [ratio of each round]) for each pair that was measured in at least one round."""
         subject = self.results[self.row.subject]
-        made = []
-        for name in list(self.results)[1:] if self.row.ratios is None else ():
-            pairs = [(mine[self.row.value], other[self.row.value])
-                     for mine, other in zip(subject, self.results[name]) if mine and other]
-            # Who calls too early is late by less than nothing, which nothing can be divided by.
-            ratios = [mine / other for mine, other in pairs] if all(min(pair) > 0 for pair in pairs) else []
-            made.append((f"{self.row.subject} / {name}", ratios))
+        indivisible = self.indivisible()
+        made = [(title, [mine / other for mine, other in pairs]) for title, pairs in self.pairs().items()
+                if title not in indivisible]
         for title, function in self.row.ratios or ():
             rounds = []
             for turn in range(len(subject)):
@@ -96,6 +106,7 @@ class Result:
             "results": self.results, "not here": self.absent, "failed": self.failures, "load": self.loads,
             "ratios": {title: {"median": statistics.median(rounds), "rounds": rounds}
                        for title, rounds in self.ratios()},
+            "without ratio": self.indivisible(),
         }
 
 
@@ -105,6 +116,17 @@ def spread(values):
         return min(values), max(values)
     low, _, high = statistics.quantiles(values, n=4)
     return low, high
+
+
+def number(value):
+    """As short as it may be read."""
+    return f"{value:,.0f}" if value >= 100 else f"{value:.3g}"
+
+
+def measured(row, name, which=None):
+    """The numbers of a contestant in a report's row, of the rounds that had one."""
+    return [result[which or row["value"]] for result in row["results"][name]
+            if result and (which or row["value"]) in result]
 
 
 def print_result(result):
@@ -127,6 +149,8 @@ def print_result(result):
     for title, rounds in result.ratios():
         low, high = spread(rounds)
         print(f"  = {title:44} {statistics.median(rounds):8.2f}   ({low:.2f} to {high:.2f})")
+    for title in result.indivisible():
+        print(f"  = {title:44} {NO_RATIO}")
 
 
 def measure_all(rows, rounds):

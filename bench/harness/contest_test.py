@@ -41,11 +41,17 @@ def measured(contestants, rounds=1, **options):
     return result, printed.getvalue()
 
 
+def loaded(program):
+    """A program of bench/ as a module."""
+    loader = SourceFileLoader(f"bench_{program}", str(BENCH / program))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
+    loader.exec_module(module)
+    return module
+
+
 def run_command(rows, *arguments):
     """bench/run with these rows and nothing to build: its status or message, and bench.json."""
-    loader = SourceFileLoader("bench_run", str(BENCH / "run"))
-    command = importlib.util.module_from_spec(importlib.util.spec_from_loader("bench_run", loader))
-    loader.exec_module(command)
+    command = loaded("run")
     with tempfile.TemporaryDirectory() as out, contextlib.redirect_stdout(io.StringIO()), \
             mock.patch.object(command, "build"), mock.patch.object(command, "Bench") as bench, \
             mock.patch.object(sys, "argv", ["bench/run", "--rounds", "2", "--out", out, *arguments]):
@@ -76,6 +82,23 @@ class Command(unittest.TestCase):
     def test_fails_when_no_row_is_named_so(self):
         status, _ = run_command([Row("good", "a row", "us", "time", {"velm": gives(2)})], "--rows", "goo")
         self.assertEqual(status, "bench/run: no row is named goo")
+
+
+class Publish(unittest.TestCase):
+    whole = {"rows": {"good": {"failed": {}}}, "quick": False, "whole": True, "commit": "abc1234"}
+
+    def test_takes_a_whole_run_of_a_commit_and_nothing_else(self):
+        publish = loaded("publish")
+        self.assertIsNone(publish.flaw_of(self.whole))
+        for part, flaw in (({"rows": {"bad": {"failed": {"floor": "it crashed"}}}}, "failures: bad"),
+                           ({"quick": True}, "quick"), ({"whole": False}, "some rows"),
+                           ({"commit": "abc1234-dirty"}, "no commit")):
+            self.assertIn(flaw, publish.flaw_of({**self.whole, **part}))
+
+    def test_a_run_tells_whether_it_was_whole(self):
+        row = Row("good", "a row", "us", "time", {"velm": gives(2)})
+        self.assertTrue(run_command([row])[1]["whole"])
+        self.assertFalse(run_command([row], "--rows", "goo*")[1]["whole"])
 
 
 class Contest(unittest.TestCase):
@@ -135,8 +158,10 @@ class Contest(unittest.TestCase):
 
     def test_nothing_is_divided_by_zero_or_less(self):
         for value in (0, -3):
-            result, _ = measured({"velm": gives(1), "floor": gives(2, value)}, 2, floors=("floor",))
+            result, printed = measured({"velm": gives(1), "floor": gives(2, value)}, 2, floors=("floor",))
             self.assertEqual(result.ratios(), [], value)
+            self.assertEqual(result.as_json()["without ratio"], ["velm / floor"])
+            self.assertRegex(printed, "= velm / floor +none: not above zero in each round")
 
 
 if __name__ == "__main__":

@@ -10,7 +10,7 @@ matplotlib.rcParams["svg.fonttype"] = "none"
 matplotlib.rcParams["font.family"] = "DejaVu Sans"
 import matplotlib.pyplot as plt  # noqa: E402
 
-from .contest import spread  # noqa: E402
+from .contest import measured, number, spread  # noqa: E402
 
 # Which rows share a picture: by the beginnings of their names.
 PICTURES = {
@@ -21,20 +21,16 @@ PICTURES = {
 OWN, OTHERS = "#1f77b4", "#b8b8b8"
 
 
-def values_of(row, name):
-    return [result[row["value"]] for result in row["results"][name] if result is not None]
-
-
 def bars(axes, row):
-    names = [name for name in row["results"] if values_of(row, name)]
-    middles = [statistics.median(values_of(row, name)) for name in names]
-    ends = [spread(values_of(row, name)) for name in names]
+    names = [name for name in row["results"] if measured(row, name)]
+    middles = [statistics.median(measured(row, name)) for name in names]
+    ends = [spread(measured(row, name)) for name in names]
     axes.barh(names, middles, height=0.7, color=[OWN if name.startswith("velm") else OTHERS for name in names],
               xerr=[[max(0, middle - low) for middle, (low, _) in zip(middles, ends)],
                     [max(0, high - middle) for middle, (_, high) in zip(middles, ends)]],
               error_kw={"ecolor": "#505050", "elinewidth": 0.8})
     for place, (middle, (_, high)) in enumerate(zip(middles, ends)):
-        axes.annotate(f"{middle:,.0f}" if middle >= 100 else f"{middle:.3g}", (max(middle, high), place), fontsize=8,
+        axes.annotate(number(middle), (max(middle, high), place), fontsize=8,
                       xytext=(4, 0), textcoords="offset points", va="center")
     axes.invert_yaxis()
     axes.margins(x=0.15)
@@ -56,7 +52,7 @@ def plot(report, directory):
     drawn = []
     for picture, beginnings in PICTURES.items():
         rows = [row for name, row in report["rows"].items()
-                if name.startswith(beginnings) and any(values_of(row, other) for other in row["results"])]
+                if name.startswith(beginnings) and any(measured(row, other) for other in row["results"])]
         if not rows:
             continue
         heights = [0.55 + 0.27 * len(row["results"]) for row in rows]
