@@ -6,6 +6,8 @@
 #                                         is printed when it is found to have ended, at the latest before the verdict
 #   queue NAME DESCRIPTION COMMAND...     the same, but it starts when what was queued before it has ended: for steps
 #                                         that compute, so that the processors have work while those in front wait
+#   needs OTHER step NAME ...             a step (or one of the others above) that there is only where OTHER, started
+#                                         before, succeeds; where it does not, the step is said to be left out
 #   await NAME...                         waits for steps that were started so; its status is that of the last of them
 #   skip NAME REASON                      says that a step is left out, and why
 #
@@ -157,6 +159,8 @@ end_beside() {
     local group
     for group in "${running_beside[@]}"; do
         kill -- "-$group" 2>/dev/null
+        # What runs by sudo is root's.
+        ((EUID == 0)) || sudo -n kill -- "-$group" 2>/dev/null
     done
 }
 trap end_beside EXIT
@@ -186,6 +190,12 @@ await() {
     done
     # Of a step that is not wanted nothing is known, and nothing expected.
     return "${status_of[$name]:-0}"
+}
+
+needs() {
+    local other=$1
+    shift
+    if await "$other"; then "$@"; else skip "$2" "$other did not succeed"; fi
 }
 
 skip() {

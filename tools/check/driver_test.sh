@@ -140,6 +140,19 @@ expect "queued steps run one after another" 0 "ok  0 s 0 cpu  one            fir
 expect_that "queued steps run in order" "$(paste -sd ' ' order)" == "1 2 3"
 
 play <<'END'
+beside good "it works" true
+beside bad "it breaks" false
+needs good step after-good "behind what works" true
+needs bad step after-bad "behind what breaks" touch ran-after-bad
+needs unheard-of step after-nothing "behind what was not asked for" true
+finish
+END
+expect "steps that need another" 1 "ok  0 s 0 cpu  after-good     behind what works" \
+    "skip                   after-bad      bad did not succeed" \
+    "ok  0 s 0 cpu  after-nothing  behind what was not asked for" "3 passed, 1 failed, 1 skipped"
+expect_that "a step that needs what failed does not run" "$(ls ran-after-bad 2>/dev/null)" == ''
+
+play <<'END'
 queue one "it is killed" sh -c 'kill -9 0; sleep 30'
 queue two "it works" true
 finish

@@ -34,26 +34,22 @@ deep_steps() {
     step broker         "the link tests on dbus-broker" broker_tests
     step faults         "the agent under faults and floods" run_tests debug -L fault
     step syscalls       "system calls of the agent fail, one in each run" tests/faults/run build/debug
-    await macos-run &&
-        step macos-first "the script for the first run on a Mac, over the doubles" tests/macos/run/first-run.sh build/macos-run
-    await build-clang &&
-        step test-clang "unit tests" run_tests clang -L unit
+    needs macos-run     step macos-first "the script for the first run on a Mac, over the doubles" tests/macos/run/first-run.sh build/macos-run
+    needs build-clang   step test-clang "unit tests" run_tests clang -L unit
     step mutants-sample "20 seeded mistakes, and a test that notices each" tests/mutants/run --sample 20 --jobs "$jobs"
-    await build-asan &&
-        step test-asan  "unit and link tests under them" run_tests asan -L 'unit|link'
-    await build-tsan &&
-        step test-tsan  "unit and link tests under it" run_tests tsan -L 'unit|link'
-    await build-release &&
-        step instructions "a log line, a timer, a message, an event: no more instructions" bench/instructions
+    needs build-asan    step test-asan "unit and link tests under them" run_tests asan -L 'unit|link'
+    needs build-tsan    step test-tsan "unit and link tests under it" run_tests tsan -L 'unit|link'
+    needs build-release step instructions "a log line, a timer, a message, an event: no more instructions" bench/instructions
     step bench          "each benchmark once" bench/run --quick
-    await build-fuzz &&
-        step fuzz       "each fuzzer for 20 s" tests/fuzz/run
+    needs build-fuzz    step fuzz "each fuzzer for 20 s" tests/fuzz/run
 }
 
 # New systems take longest, and wait for the network for a good part.
 fresh_step() {
-    [[ $no_system == yes ]] || beside fresh \
-                        "./run and ./check in new Debian 12 and 13, as root and as a user" tests/roots/fresh.sh
+    [[ $no_system == yes ]] && return
+    # Where sudo asks for a password, it asks now: a step beside has no terminal.
+    ((EUID == 0)) || [[ $list_only == yes ]] || sudo true
+    beside fresh        "./run and ./check in new Debian 12 and 13, as root and as a user" tests/roots/fresh.sh
 }
 
 # The packages, and what they do in real systems.
