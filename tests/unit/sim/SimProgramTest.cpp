@@ -156,7 +156,7 @@ private:
     ProtocolVTable m_table;
     BusHandle m_bus;
     SlotHandle m_slot;
-    const char* m_refusal = "not here";
+    const char* m_refusal = nullptr;
     std::vector<std::string> m_calls;
 };
 
@@ -175,6 +175,19 @@ protected:
         auto daemon = start(options);
         daemon->awaitLine(" ready ");
         return daemon;
+    }
+
+    /// What is printed of an agent that answers `rmmMessage` with an error of this text; it may be null.
+    std::string lineAboutARefusalWith(const char* text) {
+        const auto daemon = startReady();
+        FakeAgent agent(bus.address());
+        agent.refuseWith(text);
+        agent.call("connect");
+        EXPECT_EQ(agent.awaitCall(), "connected YES");
+        daemon->say("rmm do this");
+        daemon->say("put x");
+        EXPECT_EQ(agent.awaitCall(), "putMessage 1");
+        return daemon->awaitLine("refused");
     }
 
     PrivateBus bus;
@@ -261,27 +274,12 @@ TEST_F(SimProgram, SendsALargeMessageBeforeItQuits) {
 }
 
 TEST_F(SimProgram, ShowsHowTheAgentRefusesRmmMessages) {
-    const auto daemon = startReady();
-    FakeAgent agent(bus.address());
-    agent.call("connect");
-    EXPECT_EQ(agent.awaitCall(), "connected YES");
-    daemon->say("rmm do this");
-    daemon->say("put x");
-    EXPECT_EQ(agent.awaitCall(), "putMessage 1");
-    EXPECT_THAT(daemon->awaitLine("refused"),
+    EXPECT_THAT(lineAboutARefusalWith("not here"),
                 EndsWith("rmmMessage: org.freedesktop.DBus.Error.UnknownMethod: not here"));
 }
 
 TEST_F(SimProgram, ShowsARefusalWithoutAText) {
-    const auto daemon = startReady();
-    FakeAgent agent(bus.address());
-    agent.refuseWith(nullptr);
-    agent.call("connect");
-    EXPECT_EQ(agent.awaitCall(), "connected YES");
-    daemon->say("rmm do this");
-    daemon->say("put x");
-    EXPECT_EQ(agent.awaitCall(), "putMessage 1");
-    EXPECT_THAT(daemon->awaitLine("refused"),
+    EXPECT_THAT(lineAboutARefusalWith(nullptr),
                 EndsWith("rmmMessage: org.freedesktop.DBus.Error.UnknownMethod"));
 }
 
