@@ -248,10 +248,9 @@ class Stage:
 
     @staticmethod
     def _signal(process, number):
-        """With what it has started: a command of the shell's may be more than one process."""
-        if process.poll() is None:
-            with contextlib.suppress(ProcessLookupError):
-                os.killpg(process.pid, number)
+        """With what it has started, which may outlive it: a command of the shell's may be more than one process."""
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, number)
 
     def _until(self, what, attempt, cap=20.0):
         deadline = time.monotonic() + cap
