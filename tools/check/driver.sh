@@ -49,6 +49,30 @@ print_skipped_tests() {
         /^skipped: / {print "    " $0}' "$1"
 }
 
+# What a step that failed has printed, as far as it tells why: of tests, the end of what each failed one has printed;
+# of others, the end of all. Each failed test has a line "    failed: NAME".
+print_reason() {
+    local log=$1
+    awk '
+        function flush(   i) {
+            if (!name) return
+            print "    failed: " name
+            for (i = count > 60 ? count - 60 : 0; i < count; i++) print "    | " lines[i]
+            name = ""
+        }
+        /^ *Start +[0-9]+: / || /^ *[0-9]+\/[0-9]+ Test / || /% tests passed, / {flush()}
+        /^ *[0-9]+\/[0-9]+ Test .*\*\*\*/ && !/\*\*\*Skipped/ {
+            sub(/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: /, "")
+            name = $1
+            count = 0
+            seen = 1
+            next
+        }
+        name {lines[count++] = $0}
+        END {flush(); exit !seen}' "$log" || tail -n 60 "$log" | sed 's/^/    | /'
+    printf '    | (all of it: %s)\n' "$log"
+}
+
 print_progress() { [[ -t 1 ]] && printf '....                   %-14s %s' "$1" "${described[$1]}"; return 0; }
 clear_progress() { [[ -t 1 ]] && printf '\r\033[K'; return 0; }
 
@@ -67,6 +91,7 @@ run_logged() {
 # report NAME STATUS SECONDS PROCESSOR_SECONDS: the line of a step that has ended, and what it counts.
 report() {
     local name=$1 status=$2 seconds=$3 used=$4 log=$logs/$1.log counts detail='' verdict good bad left_out
+    local reason tests
     counts=$(count_tests "$log")
     if [[ -n $counts ]]; then
         read -r good bad left_out <<<"$counts"
@@ -79,16 +104,18 @@ report() {
     case $status in
         0) verdict=ok passed=$((passed + 1)) ;;
         "$skipped_status") verdict=skip skipped=$((skipped + 1)) detail=": $(tail -n 1 "$log")" ;;
-        *) verdict=FAILED failed=$((failed + 1)) failures+=("$name") ;;
+        *) verdict=FAILED failed=$((failed + 1)) ;;
     esac
     status_of[$name]=$status
     clear_progress
     printf '%-6s %4d s %4d cpu  %-14s %s%s\n' "$verdict" "$seconds" "$used" "$name" "${described[$name]}" "$detail"
-    print_skipped_tests "$log"
     if [[ $verdict == FAILED ]]; then
-        tail -n 60 "$log" | sed 's/^/    | /'
-        printf '    | (all of it: %s)\n' "$log"
+        reason=$(print_reason "$log")
+        printf '%s\n' "$reason"
+        tests=$(sed -n 's/^    failed: //p' <<<"$reason" | paste -sd ' ')
+        failures+=("$name${tests:+ ($tests)}")
     fi
+    print_skipped_tests "$log"
 }
 
 # Whether a step is to run; where the steps are only listed, lists it.

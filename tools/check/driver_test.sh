@@ -104,6 +104,17 @@ expect "a test that ctest skipped, with its reason" 0 "ok  0 s 0 cpu  one       
     "    skipped: A.needsRoot" "             this needs root" "2 passed, 0 failed, 1 skipped"
 
 play <<'END'
+step one "tests" sh -c 'printf "%s\n" "    Start 2: B.c" " 1/4 Test #2: B.c ...***Failed  0.1 sec" "x.cpp:7: Failure" "why it failed" \
+    "    Start 3: C.d" " 2/4 Test #3: C.d ....   Passed" " 3/4 Test #4: D.e ....***Timeout  60 sec" "how far it came" \
+    " 4/4 Test  #1: A.needsRoot ....***Skipped   0.01 sec" "" "50% tests passed, 2 tests failed out of 4"; seq 100; exit 8'
+finish
+END
+expect "tests that ctest saw fail, with what they printed" 1 "    failed: B.c" "    | x.cpp:7: Failure" "    | why it failed" \
+    "    failed: D.e" "    | how far it came" "    skipped: A.needsRoot" "Failed: one (B.c D.e)" "1 passed, 3 failed, 1 skipped"
+expect_no "nothing of the tests that passed" "C.d"
+expect_no "nothing from behind the tests" "| 100"
+
+play <<'END'
 step one "checks" printf '%s\n' 'skipped: a check: there is no thing' '4 passed, 0 failed, 1 skipped'
 finish
 END
