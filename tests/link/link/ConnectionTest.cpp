@@ -34,6 +34,7 @@ using link_tests::await;
 using link_tests::BusPeer;
 using link_tests::BusTarget;
 using link_tests::Losses;
+using link_tests::MessageHandle;
 using link_tests::PrivateBus;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -115,6 +116,22 @@ protected:
     /// Until the bus has told the connection who the daemon is, it is denied everything, as everybody is.
     static void awaitKnown(BusPeer& daemon, const BusTarget& target) {
         ASSERT_TRUE(await([&] { return daemon.call(target, "nonsense", "").error == unknownMethod; }));
+    }
+
+    static constexpr std::size_t mebibyte = 1UL << 20U;
+
+    static MessageHandle newPutMessage(BusPeer& daemon, const BusTarget& target, std::size_t size) {
+        const std::vector<char> bytes(size, 'x');
+        MessageHandle message = daemon.newCall(target, "putMessage");
+        EXPECT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
+        return message;
+    }
+
+    /// As many calls with a mebibyte each: larger ones keep the address sanitizer's allocator busy for long.
+    static void sendMebibytes(int calls, BusPeer& daemon, const BusTarget& target) {
+        for (int i = 0; i < calls; ++i) {
+            daemon.send(newPutMessage(daemon, target, mebibyte));
+        }
     }
 };
 
@@ -273,42 +290,30 @@ TEST_F(ConnectionOnABus, HoldsNoMoreBytesThanTwoLargeCallsHave) {
     auto daemon = newDaemon();
     auto connection = resumed();
     const BusTarget target = agentAt(nameOfAgent(*daemon));
-    const std::vector<char> bytes(std::size_t{20} << 20U, 'x');
-    const auto newCall = [&] {
-        auto message = daemon->newCall(target, "putMessage");
-        EXPECT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
-        return message;
-    };
     awaitKnown(*daemon, target);
-    for (int i = 0; i < 3; ++i) {
-        daemon->send(newCall());
-    }
-    EXPECT_EQ(daemon->call(newCall()).error, "org.freedesktop.DBus.Error.LimitsExceeded");
+    sendMebibytes(63, *daemon, target);
+    const MessageHandle twoMore = newPutMessage(*daemon, target, 2 * mebibyte);
+    EXPECT_EQ(daemon->call(twoMore).error, "org.freedesktop.DBus.Error.LimitsExceeded");
     connection->remoteObjectProxy()->connect();
-    EXPECT_TRUE(await([&] { return agent->calls().size() == 3; }));
+    EXPECT_TRUE(await([&] { return agent->calls().size() == 63; }));
 }
 
 TEST_F(ConnectionOnABus, HasRoomForTheCallsOfTheNextDaemonInAHurry) {
-    const std::vector<char> bytes(std::size_t{20} << 20U, 'x');
     auto daemon = newDaemon();
     auto connection = resumed();
     const BusTarget target = agentAt(nameOfAgent(*daemon));
-    const auto sendThree = [&] {
+    const auto fill = [&] {
         awaitKnown(*daemon, target);
-        for (int i = 0; i < 3; ++i) {
-            auto message = daemon->newCall(target, "putMessage");
-            ASSERT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
-            daemon->send(message);
-        }
+        sendMebibytes(63, *daemon, target);
         // The refusal comes in its turn, so those before it were seen.
         EXPECT_EQ(daemon->call(target, "nonsense", "").error, unknownMethod);
     };
-    sendThree();
+    fill();
     daemon->disconnect();
     daemon = newDaemon();
-    sendThree();
+    fill();
     connection->remoteObjectProxy()->connect();
-    EXPECT_TRUE(await([&] { return agent->calls().size() == 3; }));
+    EXPECT_TRUE(await([&] { return agent->calls().size() == 63; }));
 }
 
 TEST_F(ConnectionOnABus, KeepsCallsThatComeBeforeTheBusSaidWhoRunsTheDaemon) {
@@ -613,13 +618,11 @@ TEST_F(ConnectionOnABus, CarriesTwentyMebibytesBothWays) {
     auto daemon = newDaemon();
     auto connection = resumed();
     const BusTarget target = linkUp(*connection, *daemon);
-    const std::vector<char> bytes(std::size_t{20} << 20U, 'x');
+    const std::vector<char> bytes(20 * mebibyte, 'x');
     connection->remoteObjectProxy()->putMessage({bytes.data(), bytes.size()});
     ASSERT_TRUE(await([&] { return daemon->calls().size() == 2; }));
     EXPECT_EQ(daemon->calls().back().text, "putMessage <20971520 bytes>");
-    auto message = daemon->newCall(target, "putMessage");
-    ASSERT_GE(sd_bus_message_append_array(message.get(), 'y', bytes.data(), bytes.size()), 0);
-    daemon->send(message);
+    daemon->send(newPutMessage(*daemon, target, 20 * mebibyte));
     ASSERT_TRUE(await([&] { return agent->calls().size() == 1; }));
     EXPECT_EQ(agent->calls().front().size(), std::string("putMessage:").size() + 20971520);
 }
@@ -628,7 +631,7 @@ TEST_F(ConnectionOnABus, DropsAMessageThatIsLargerThanTheBusCarries) {
     auto daemon = newDaemon();
     auto connection = resumed();
     linkUp(*connection, *daemon);
-    const std::vector<char> bytes(std::size_t{32} << 20U, 'x');
+    const std::vector<char> bytes(32 * mebibyte, 'x');
     connection->remoteObjectProxy()->putMessage({bytes.data(), bytes.size()});
     connection->remoteObjectProxy()->onTimeZoneChanged();
     ASSERT_TRUE(await([&] { return daemon->calls().size() == 2; }));
@@ -641,14 +644,14 @@ TEST_F(ConnectionOnABus, ABusThatDoesNotReadCostsBoundedMemoryAndNoTime) {
     auto connection = resumed();
     linkUp(*connection, *daemon);
     bus.freeze();
-    const std::vector<char> bytes(std::size_t{1} << 20U, 'x');
+    const std::vector<char> bytes(mebibyte, 'x');
     const std::size_t before = residentBytes();
     for (int i = 0; i < 512; ++i) {
         connection->remoteObjectProxy()->putMessage({bytes.data(), bytes.size()});
         // Time for the link to take it up, which it must not do for ever.
         std::this_thread::sleep_for(milliseconds(4));
     }
-    EXPECT_LT(residentBytes() - before, VELM_MEMORY_FACTOR * (std::size_t{256} << 20U));
+    EXPECT_LT(residentBytes() - before, VELM_MEMORY_FACTOR * 256 * mebibyte);
     bus.thaw();
     ASSERT_TRUE(await([&] { return daemon->calls().size() > 30; }));
     ASSERT_TRUE(await([&] {

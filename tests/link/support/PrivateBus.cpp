@@ -25,7 +25,12 @@ std::string limitLine(const std::string& name, std::size_t value) {
     return "  <limit name=\"" + name + "\">" + std::to_string(value) + "</limit>\n";
 }
 
+/// Everybody's connections: dbus-daemon listens before it lets others than its own user connect.
 bool accepts(const std::string& socketPath) {
+    struct stat file {};
+    if (::stat(socketPath.c_str(), &file) != 0 || (file.st_mode & S_IWOTH) == 0) {
+        return false;
+    }
     const sockaddr_un address = unixAddress(socketPath);
     const int attempt = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const bool connected =
