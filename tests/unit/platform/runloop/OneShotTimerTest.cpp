@@ -6,6 +6,7 @@
 
 #include <sched.h>
 #include <chrono>
+#include <thread>
 
 #include "platform/linux/runloop/Backoff.h"
 #include "unit/platform/process/RunInChild.h"
@@ -61,6 +62,20 @@ TEST_F(OneShotTimerTest, MayBeStartedFromItsCallback) {
     self = &timer;
     timer.start(milliseconds(1));
     EXPECT_TRUE(runUntil([&calls] { return calls == 3; }));
+}
+
+TEST_F(OneShotTimerTest, CountsFromItsStartHoweverLongTheLoopWasHeldUpBefore) {
+    bool fired = false;
+    OneShotTimer other(loop(), [&fired] { fired = true; });
+    steady_clock::time_point begin;
+    OneShotTimer late(loop(), [&] {
+        std::this_thread::sleep_for(milliseconds(100));
+        begin = steady_clock::now();
+        other.start(milliseconds(80));
+    });
+    late.start(milliseconds(1));
+    EXPECT_TRUE(runUntil([&fired] { return fired; }));
+    EXPECT_GE(steady_clock::now() - begin, milliseconds(80));
 }
 
 TEST(Backoff, DoublesUpToTheLongestAndStartsOver) {
