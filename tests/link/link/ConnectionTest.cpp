@@ -651,7 +651,7 @@ TEST_F(ConnectionOnABus, ABusThatDoesNotReadCostsBoundedMemoryAndNoTime) {
         // Time for the link to take it up, which it must not do for ever.
         std::this_thread::sleep_for(milliseconds(4));
     }
-    EXPECT_LT(residentBytes() - before, VELM_MEMORY_FACTOR * 256 * mebibyte);
+    EXPECT_LT(residentBytes() - before, VELM_MEMORY_FACTOR * (256 * mebibyte));
     bus.thaw();
     ASSERT_TRUE(await([&] { return daemon->calls().size() > 30; }));
     ASSERT_TRUE(await([&] {
