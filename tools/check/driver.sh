@@ -49,8 +49,9 @@ print_skipped_tests() {
         /^skipped: / {print "    " $0}' "$1"
 }
 
-# What a step that failed has printed, as far as it tells why: of tests, the end of what each failed one has printed;
-# of others, the end of all. Each failed test has a line "    failed: NAME".
+# What a step that failed has printed, as far as it tells why: of tests, the end of what each failed one has printed,
+# below a line "    failed: NAME"; of others, the end of all, and before it what stands further up and says that it
+# failed.
 print_reason() {
     local log=$1
     awk '
@@ -69,7 +70,11 @@ print_reason() {
             next
         }
         name {lines[count++] = $0}
-        END {flush(); exit !seen}' "$log" || tail -n 60 "$log" | sed 's/^/    | /'
+        END {flush(); exit !seen}' "$log" || {
+        # What is said to have failed, with the next lines, where it stands further up.
+        head -n -60 "$log" | grep -E -A 15 '^(FAILED|SURVIVED)'
+        tail -n 60 "$log"
+    } | sed 's/^/    | /'
     printf '    | (all of it: %s)\n' "$log"
 }
 

@@ -115,6 +115,13 @@ expect_no "nothing of the tests that passed" "C.d"
 expect_no "nothing from behind the tests" "| 100"
 
 play <<'END'
+step one "checks" sh -c 'echo "FAILED  a.cpp"; echo "why it failed"; seq 100 | sed "s/^/clean /"; exit 1'
+finish
+END
+expect "what failed long before the end" 1 "    | FAILED  a.cpp" "    | why it failed" "    | clean 100"
+expect_no "all that lies between" "clean 40"
+
+play <<'END'
 step one "checks" printf '%s\n' 'skipped: a check: there is no thing' '4 passed, 0 failed, 1 skipped'
 finish
 END
