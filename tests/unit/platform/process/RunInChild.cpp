@@ -30,14 +30,24 @@ std::string readToEnd(int descriptor) {
     _exit(code);
 }
 
-}  // namespace
-
-bool ChildResult::returned(int code) const {
-    return WIFEXITED(status) && WEXITSTATUS(status) == code;
+testing::AssertionResult judged(bool asExpected, const ChildResult& result) {
+    if (asExpected) {
+        return testing::AssertionSuccess();
+    }
+    const bool killed = WIFSIGNALED(result.status);
+    return testing::AssertionFailure() << (killed ? "killed by signal " : "ended with exit code ")
+                                       << (killed ? WTERMSIG(result.status) : WEXITSTATUS(result.status))
+                                       << "; wrote: \"" << result.errorOutput << '"';
 }
 
-bool ChildResult::killedBy(int signal) const {
-    return WIFSIGNALED(status) && WTERMSIG(status) == signal;
+}  // namespace
+
+testing::AssertionResult ChildResult::returned(int code) const {
+    return judged(WIFEXITED(status) && WEXITSTATUS(status) == code, *this);
+}
+
+testing::AssertionResult ChildResult::killedBy(int signal) const {
+    return judged(WIFSIGNALED(status) && WTERMSIG(status) == signal, *this);
 }
 
 ChildResult runInChild(const std::function<int()>& body) {

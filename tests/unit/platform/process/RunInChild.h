@@ -1,6 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
@@ -11,10 +11,10 @@ struct ChildResult {
     int status = 0;
     std::string errorOutput;
 
-    /// Whether the child ended by returning `code`.
-    bool returned(int code) const;
-    /// Whether the child was ended by `signal`.
-    bool killedBy(int signal) const;
+    /// Whether the child ended by returning `code`; if not, how it ended and what it wrote.
+    testing::AssertionResult returned(int code) const;
+    /// Whether the child was ended by `signal`; if not, how it ended and what it wrote.
+    testing::AssertionResult killedBy(int signal) const;
 };
 
 /// Runs `body` in a fork of this process and waits for its end; for what changes a process for good. `body`'s
