@@ -27,6 +27,7 @@ deep_steps() {
     queue build-fuzz    "builds the fuzzers" build fuzz --target fuzzers
     queue tidy          "clang-tidy on every source" tidy_sources
     queue reference     "Doxygen makes the reference without a warning" tools/make-reference build/reference
+    beside hunt         "what disturbs tests takes effect, and what fails then is named" tests/hunt/run_test.py
     beside soak         "two minutes of random events, stops and restarts" tests/soak/run build/debug 120
     step idle           "an idle, linked agent does not wake for 30 s" run_tests debug -L idle
     step run            "the demonstration" ./run
