@@ -673,12 +673,15 @@ TEST(SingleShotTimerMove, MayBeMadeInACallback) {
     Record record;
     auto from = std::make_unique<cmn::SingleShotTimer>();
     std::unique_ptr<cmn::SingleShotTimer> timer;
+    cmn::Semaphore scheduled;
     cmn::Semaphore moved;
     from->run(0ms, [&] {
+        scheduled.wait();  // no other call on it may be under way
         timer = std::make_unique<cmn::SingleShotTimer>(std::move(*from));
         timer->run(0ms, record.entry("after"));
         moved.notify();
     });
+    scheduled.notify();
     moved.wait();
     from.reset();
     EXPECT_TRUE(eventually([&] { return !record.names().empty(); }));
