@@ -55,6 +55,11 @@ std::vector<std::string> CallTrace::entriesOfThisThread() const {
         [](const Entry& entry) { return entry.logged || entry.thread == std::this_thread::get_id(); });
 }
 
+std::vector<std::string> CallTrace::entriesOfOtherThreads() const {
+    return select(
+        [](const Entry& entry) { return !entry.logged && entry.thread != std::this_thread::get_id(); });
+}
+
 std::vector<std::string> CallTrace::logLines() const {
     return select([](const Entry& entry) { return entry.logged; });
 }

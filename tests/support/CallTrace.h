@@ -25,6 +25,8 @@ public:
     std::vector<std::string> entries() const;
     /// The entries of the calling thread, and all log lines.
     std::vector<std::string> entriesOfThisThread() const;
+    /// The entries of other threads, without log lines.
+    std::vector<std::string> entriesOfOtherThreads() const;
     /// The log lines alone.
     std::vector<std::string> logLines() const;
     /// When each entry that equals `entry` was appended, in their order.
