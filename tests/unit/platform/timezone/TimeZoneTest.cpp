@@ -162,8 +162,16 @@ TEST_F(TimeZone, ReportsALinkThatIsMovedIntoPlace) {
 
 TEST_F(TimeZone, WaitsUntilTheLastEventHasSettled) {
     start();
-    fs::remove(localtime());
-    runFor(milliseconds(100));
+    // Where the machine holds the loop up, what is to be the first of two events may settle alone.
+    int attempts = 20;
+    do {
+        setByRename("../zoneinfo/a");
+        settle();
+        m_reports = 0;
+        fs::remove(localtime());
+        runFor(milliseconds(100));
+    } while (m_reports != 0 && --attempts > 0);
+    ASSERT_EQ(m_reports, 0);
     const auto lastEvent = std::chrono::steady_clock::now();
     fs::create_symlink("../zoneinfo/b", localtime());
     EXPECT_TRUE(waitForReports(1));
