@@ -88,6 +88,7 @@ protected:
             expectLoggedLock(!m_locked);
             logind->setLockedHint(ownSession, m_locked);
             ASSERT_TRUE(agent->log().await(message::sendingStatus, mark));
+            ASSERT_TRUE(awaitThatNobodyIsThere());
         }
         pumpFor(milliseconds(upTo(2500)));
         relink(mark);
@@ -175,6 +176,17 @@ protected:
             ++m_expected[line];
         }
         ++m_expectedZoneEvents;
+    }
+
+    /// The agent's link keeps what it is to send until the bus has said that nobody has the daemon's name; it
+    /// asks as it starts, and again with each thing that it drops. One question is under way at a time, so
+    /// the second answer from here on is one to a question from here on.
+    bool awaitThatNobodyIsThere() {
+        const auto answers = [this] {
+            return monitor->answered("/org/freedesktop/DBus", daemonName, "GetNameOwner");
+        };
+        const std::size_t before = answers();
+        return await([&] { return answers() >= before + 2; });
     }
 
     /// Gives the agent a new daemon, which answers when it likes.
