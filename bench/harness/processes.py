@@ -63,7 +63,7 @@ def end(process, number=signal.SIGTERM):
     if process.poll() is None:
         process.send_signal(number)
         try:
-            process.wait(10)
+            process.wait(PATIENCE)
         except subprocess.TimeoutExpired:
             process.kill()
             process.wait()
