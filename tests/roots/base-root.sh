@@ -86,8 +86,12 @@ sources() {
     # No service starts while the root is only a directory.
     printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
     chmod 755 "$root/usr/sbin/policy-rc.d"
-    in_root apt-get update
-    in_root apt-get install -y --no-install-recommends -o Dpkg::Options::=--force-unsafe-io "${packages[@]}"
+    for attempt in 1 2 3; do
+        in_root apt-get update -o APT::Update::Error-Mode=any &&
+            in_root apt-get install -y --no-install-recommends -o Dpkg::Options::=--force-unsafe-io "${packages[@]}" &&
+            break
+        ((attempt < 3)) || exit 1
+    done
     in_root apt-get clean
     rm -rf "$root"/var/lib/apt/lists/*
     if [[ $kind == booted ]]; then
