@@ -157,10 +157,16 @@ beside() { start_beside '' "$@"; }
 
 queue() {
     start_beside "$last_queued" "$@"
-    last_queued=${running_beside[$1]:-$last_queued}
+    [[ -z ${running_beside[$1]-} ]] || last_queued=$1
 }
 
-# start_beside PROCESS NAME DESCRIPTION COMMAND...: with a process, the command runs once that one has ended.
+# Killed, it has left no word, so its process counts too; that alone would not do, for its number may be another's by
+# then.
+runs_beside() {
+    [[ -n $1 && -n ${running_beside[$1]-} && ! -f $logs/$1.status ]] && kill -0 "${running_beside[$1]}" 2>/dev/null
+}
+
+# start_beside OTHER NAME DESCRIPTION COMMAND...: with another step's name, the command runs once that one has ended.
 start_beside() {
     local before=$1 name=$2
     described[$name]=$3
@@ -173,9 +179,7 @@ start_beside() {
         set +m
         # The steps in front are measured and capped by time, so these stay below them.
         renice -n 10 "$BASHPID" >/dev/null 2>&1
-        while [[ -n $before ]] && kill -0 "$before" 2>/dev/null; do
-            sleep 0.2
-        done
+        while runs_beside "$before"; do sleep 0.2; done
         start=$SECONDS
         used=$(run_logged "$name" "$@")
         echo "$? $((SECONDS - start)) $used" >"$logs/$name.status.new"
