@@ -9,6 +9,7 @@ import dataclasses
 import pathlib
 import shlex
 import signal
+import subprocess
 import sys
 import time
 
