@@ -25,8 +25,30 @@ def points(report, world):
     report.check("disabled for all users: an upgrade starts no agent, and renews those that run", disabled, world)
 
 
-def reinstall(world):
-    """Installs the present version again, as an upgrade does; returns what it said."""
+def complaints(text):
+    return [line for line in text.splitlines() if line.startswith("velmmonitord: ")]
+
+
+def too_busy(world, text, odd):
+    """What it says of managers that had not done it within their 10 s; none if it says anything else, but of `odd`."""
+    lines = [line for line in complaints(text) if odd is None or f"agent of {odd.name}: " not in line]
+    late = tuple(f"velmmonitord: could not renew the agent of {user.name}: no answer" for user in world.users)
+    return lines if all(line.startswith(late) for line in lines) else []
+
+
+def reinstall(world, odd=None):
+    """Installs the present version again, as an upgrade does; returns what it said. It is to complain of `odd` alone.
+
+    A busy machine may hold up a manager for its 10 s, which is no fault of the package's, but not twice."""
+    text = install_again(world)
+    lines = too_busy(world, text, odd)
+    if lines:
+        print("       | once more, after", "; ".join(lines), flush=True)
+        text = install_again(world)
+    return text
+
+
+def install_again(world):
     began = time.monotonic()
     text = world.container.run("apt-get", "--quiet", "--yes", "install", "--reinstall",
                                *world.package_files("current"), env={"DEBIAN_FRONTEND": "noninteractive"})
@@ -85,9 +107,9 @@ def hung(world, odd):
     before = pids(others(world, odd))
     pid = odd.wait_for_agent()
     with Hung(odd):
-        text = reinstall(world)
+        text = reinstall(world, odd)
         all_renewed(before)
-    lines = [line for line in text.splitlines() if line.startswith("velmmonitord: ")]
+    lines = complaints(text)
     assert len(lines) == 1 and f"agent of {odd.name}: no answer" in lines[0], text
     assert "within 10 s" in lines[0] and "next login" in lines[0], text
     odd.wait_for_agent()
@@ -101,7 +123,7 @@ def broken(world):
     odd.run("sh", "-c", f"printf '[Service]\\nExecStart=\\nExecStart=/nonexistent\\n' >{drop_in}/broken.conf")
     try:
         before = pids(others(world, odd))
-        text = reinstall(world)
+        text = reinstall(world, odd)
         all_renewed(before)
         assert f"agent of {odd.name}: the user's service manager refused" in text, text
     finally:
