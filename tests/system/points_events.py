@@ -140,10 +140,13 @@ def lock_by_locker(world, session, display, lock):
 def closing_session(world):
     """Debian lets processes outlive their session, which then stays, with the hint that it had."""
     program = world.container.path("usr/local/bin/velmtest-session")
-    program.write_text("#!/bin/sh\nsetsid sleep infinity &\nexec sleep infinity\n")
+    started = world.alice.home / "velmtest-started"
+    program.write_text(f"#!/bin/sh\nsetsid sleep infinity &\ntouch ~/{started.name}\nexec sleep infinity\n")
     program.chmod(0o755)
     session = world.alice.log_in_graphically(":6", "/usr/local/bin/velmtest-session")
     try:
+        # A session without a process is not closing but gone.
+        wait_until(started.exists, "the session has the process that outlives it")
         mark = world.alice.log_mark()
         session.set_locked_hint(True)
         world.alice.wait_for_messages(mark, *LOCKED)
@@ -154,18 +157,25 @@ def closing_session(world):
     finally:
         world.container.run("loginctl", "terminate-session", session.number, check=False)
         program.unlink()
+        started.unlink(missing_ok=True)
 
 
-def time_zone(world):
-    world.container.run("timedatectl", "set-timezone", "UTC")
-    time.sleep(1)
-    users = (world.alice, world.bob)
+def change_zone(world, users, zone):
+    """To another than the present one; returns the users' marks in their logs before it, once all were told."""
     marks = {user: user.log_mark() for user in users}
     since = world.daemon.mark()
-    world.container.run("timedatectl", "set-timezone", ANOTHER_ZONE)
+    world.container.run("timedatectl", "set-timezone", zone)
     for user in users:
         user.wait_for_messages(marks[user], *ZONE)
         world.daemon.wait_for(user, since, "onTimeZoneChanged")
+    return marks
+
+
+def time_zone(world):
+    users = (world.alice, world.bob)
+    # From a zone that the test never leaves behind, so that it is a change whatever was there before.
+    change_zone(world, users, "America/New_York")
+    marks = change_zone(world, users, ANOTHER_ZONE)
     # The same zone again is no change.
     world.container.run("timedatectl", "set-timezone", ANOTHER_ZONE)
     for user, session in ((world.alice, world.alices_session), (world.bob, world.bobs_session)):
