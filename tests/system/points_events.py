@@ -37,6 +37,7 @@ def short_points(report, world):
 
 def lock_and_unlock(world, user, session):
     """One lock and one unlock of `user`, from the hint to the daemon; nothing but that is in the log since."""
+    world.wait_until_settled(user)
     mark, since = user.log_mark(), world.daemon.mark()
     expect_lock_and_unlock(world, user, session, mark, since)
 

@@ -77,8 +77,7 @@ def idle(world):
     running = {user: user.wait_for_agent() for user in world.users}
     for user in world.users:
         user.wait_until_linked()
-    # The timer of the last request runs out.
-    time.sleep(2)
+        world.wait_until_settled(user)
     before = {user: switches(world, pid) for user, pid in running.items()}
     time.sleep(IDLE_SECONDS)
     counts = {user.name: switches(world, pid) - before[user] for user, pid in running.items()}

@@ -36,6 +36,7 @@ def lock_by_saver(world, name, path):
     # Of a user none of whose sessions has set the hint: that one would count alone.
     user = world.carol
     user.wait_until_linked()
+    world.wait_until_settled(user)
     mark, since = user.log_mark(), world.daemon.mark()
     with running_saver(world, user, name, path) as say:
         say("on")

@@ -105,6 +105,7 @@ def system_log(world, user):
 
 def tells_the_daemon(world, user, session):
     """For want of a log the daemon says what it was told."""
+    world.wait_until_settled(user)
     since = world.daemon.mark()
     for locked, call in ((True, "onScreenLocked YES"), (False, "onScreenLocked NO")):
         session.set_locked_hint(locked)

@@ -133,6 +133,12 @@ class User:
         connections = json.loads(self.container.run("busctl", "--json=short", "list"))
         return [c["name"] for c in connections if c.get("pid") == pid and c["name"].startswith(":")]
 
+    def wait_until_heard(self):
+        """Until each of the agent's connections has refused a call of root's, whom the bus lets through."""
+        for name in self.agent_names():
+            self.container.run("busctl", "call", "--timeout=30", name, AGENT_PATH, AGENT_INTERFACE, "isAnybodyThere",
+                               check=False)
+
     # The log
 
     def log_path(self, backup=""):

@@ -2,7 +2,9 @@
 
 import pathlib
 import shutil
+import time
 
+from container import wait_until
 from daemon import Daemon
 from users import UNIT, User
 
@@ -40,6 +42,20 @@ class World:
             user.systemctl("unmask", UNIT, check=False)
             user.systemctl("start", "dbus.socket", UNIT, check=False)
             session.set_locked_hint(False, check=False)
+
+    def wait_until_settled(self, user):
+        """Until a linked agent's last request has been answered, and no second one, to an answer that came late, is
+        under way. An agent that is not linked asks each second, and never settles."""
+        def said():
+            return self.daemon.received(user), user.log_mark()
+
+        def quiet():
+            user.wait_until_heard()
+            before = said()
+            time.sleep(1.5)
+            return said() == before
+
+        wait_until(quiet, f"{user.name}'s agent has nothing to say about its link", cap=60)
 
     def package_files(self, which):
         """The packages' paths in the container, put there at the first call."""
