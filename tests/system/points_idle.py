@@ -3,7 +3,7 @@
 import re
 import time
 
-from container import wait_until
+from container import CommandFailed, wait_until
 from users import UNIT
 
 # Everything that the unit is meant to give; what systemd makes of it is the same from 252 on.
@@ -66,9 +66,17 @@ def confined(world):
         assert found == {"NoNewPrivs": "1", "Seccomp": "2"}, f"{user.name}: {found}"
 
 
+def statuses(world, pid):
+    """Of every thread; none where one has ended while they were read."""
+    try:
+        return world.container.run("sh", "-c", f"cat /proc/{pid}/task/*/status")
+    except CommandFailed:
+        return None
+
+
 def switches(world, pid):
     """How often the process's threads have been put on a processor and off it again."""
-    text = world.container.run("sh", "-c", f"cat /proc/{pid}/task/*/status")
+    text = wait_until(lambda: statuses(world, pid), f"every thread of {pid} is read")
     return sum(int(number) for number in re.findall(r"ctxt_switches:\s+(\d+)", text))
 
 
