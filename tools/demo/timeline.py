@@ -109,11 +109,11 @@ class Timeline:
                     raise Missing(f"a line of the {source} like /{pattern}/ within {cap:g} s")
                 self._changed.wait(left)
 
-    def quieten(self, quiet=0.5, cap=5.0):
-        """Waits until no line has come for a while."""
+    def quieten(self, quiet=0.5, cap=5.0, until=lambda: False):
+        """Waits until no line has come for a while, or until something holds."""
         deadline = time.monotonic() + cap
         with self._changed:
-            while time.monotonic() < deadline:
+            while time.monotonic() < deadline and not until():
                 known = len(self._entries)
                 if not self._changed.wait_for(lambda known=known: len(self._entries) > known, quiet):
                     return
