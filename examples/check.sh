@@ -19,7 +19,6 @@ tick 3
 the periodic timer is stopped
 after 50 ms
 50 ms after that
-after 1 s
 done
 EOF
 ) || fail "timers printed something else"

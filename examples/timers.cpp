@@ -31,17 +31,17 @@ void periodic() {
 void oneShot() {
     cmn::Semaphore done;
     cmn::SingleShotTimer timer;
-    timer.run(1s, [&] {
-        std::cout << "after 1 s\n";
-        done.notify();
-    });
+    timer.run(1h, [] { std::cout << "the timer is gone before this is due\n"; });
     timer.run(50ms, [&] {
         std::cout << "after 50 ms\n";
-        timer.run(50ms, [] { std::cout << "50 ms after that\n"; });
+        // Due first, but nothing else is called before this callback returns.
+        const auto unwanted = timer.run(10ms, [] { std::cout << "this was cancelled\n"; });
+        timer.run(50ms, [&] {
+            std::cout << "50 ms after that\n";
+            done.notify();
+        });
+        timer.stop(unwanted);
     });
-    const auto unwanted = timer.run(500ms, [] { std::cout << "this was cancelled\n"; });
-    timer.stop(unwanted);
-    timer.run(1h, [] { std::cout << "the timer is gone before this is due\n"; });
     done.wait();
 }
 
