@@ -10,10 +10,12 @@ fail() { echo "examples: $*" >&2; exit 1; }
 
 cmake --build "$build" --target daemon_example velmmonitord velmdaemon-sim velm_interfaces
 
-# typed TIMELINE: what is played, with the agent's end when the daemon has heard the rest, and the bus's when it has seen that.
+# typed TIMELINE: what is played once the link is up, with the agent's end when it has heard the daemon's answer to the
+# last, and the bus's when the daemon has seen that.
 typed() {
+    await_line 'Monitor launcher: connected came$' "$1"
     printf '%s\n' lock unlock 'zone Asia/Tokyo'
-    await_line ': time zone changed$' "$1"
+    await_line 'agent: incomming message$' "$1"
     echo logout
     await_line ': gone$' "$1"
 }
