@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <chrono>
 #include <utility>
 
 #include "link/support/UnixAddress.h"
@@ -42,12 +41,17 @@ void DrippingBus::drip() {
     if (::syscall(SYS_setresuid, -1, m_user, -1) != 0) {
         return;
     }
+    auto turn = std::chrono::steady_clock::now();
     while (!m_ends) {
         for (int caller = 0; (caller = m_socket.accept()) >= 0;) {
             m_lines.push_back({caller, connectToBus(), ""});
         }
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - turn);
+        turn += elapsed;
+        ++m_quietTurns;
         for (Line& line : m_lines) {
-            passOn(line);
+            passOn(line, elapsed);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -61,12 +65,17 @@ int DrippingBus::connectToBus() const {
     return bus;
 }
 
-void DrippingBus::passOn(Line& line) {
+void DrippingBus::passOn(Line& line, std::chrono::milliseconds elapsed) {
     const std::string said = readAll(line.caller);
     static_cast<void>(::send(line.bus, said.data(), said.size(), MSG_NOSIGNAL));
     line.waiting += readAll(line.bus);
-    if (!line.waiting.empty() &&
-        ::send(line.caller, line.waiting.data(), 1, MSG_NOSIGNAL | MSG_DONTWAIT) == 1) {
+    if (!line.waiting.empty()) {
+        m_quietTurns = 0;
+    }
+    for (auto left = elapsed.count(); left > 0 && !line.waiting.empty(); --left) {
+        if (::send(line.caller, line.waiting.data(), 1, MSG_NOSIGNAL | MSG_DONTWAIT) != 1) {
+            return;
+        }
         line.waiting.erase(0, 1);
         ++m_given;
     }

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <string>
 #include <thread>
@@ -13,7 +14,8 @@
 namespace link_tests {
 
 /// Stands between the agent and a bus: what the agent says goes through at once, and what the bus says comes
-/// byte by byte, one a millisecond at most. On a thread of its own.
+/// byte by byte, one a millisecond: after a while without the processor, as many as that has lasted. On a
+/// thread of its own.
 class DrippingBus {
 public:
     /// Listens at `path`, and goes to the bus at `busPath` as `user`, whose callers alone it may have.
@@ -24,6 +26,8 @@ public:
 
     /// How many bytes of the bus its callers have been given.
     std::size_t given() const { return m_given; }
+    /// How many times in a row it has looked and had nothing to give.
+    std::size_t quietTurns() const { return m_quietTurns; }
 
 private:
     struct Line {
@@ -34,13 +38,14 @@ private:
 
     void drip();
     int connectToBus() const;
-    void passOn(Line& line);
+    void passOn(Line& line, std::chrono::milliseconds elapsed);
 
     ListeningSocket m_socket;
     std::string m_busPath;
     uid_t m_user;
     std::vector<Line> m_lines;
     std::atomic<std::size_t> m_given{0};
+    std::atomic<std::size_t> m_quietTurns{0};
     std::atomic<bool> m_ends{false};
     std::thread m_thread;
 };
