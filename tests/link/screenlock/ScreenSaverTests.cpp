@@ -31,13 +31,11 @@ protected:
         return peer;
     }
 
-    /// Waits until the agent has been told who the saver is, on a bus where it was told so `known` times.
-    bool awaitOwnerKnown(const Saver& saver, std::size_t known = 0) {
-        return await([&] { return timesOwnerTold(saver) > known; });
-    }
-
-    std::size_t timesOwnerTold(const Saver& saver) const {
-        return sessionMonitor->answered("/org/freedesktop/DBus", saver.name, "GetNameOwner");
+    /// Waits until the agent has been told who the saver is.
+    bool awaitOwnerKnown(const Saver& saver) {
+        return await([&] {
+            return sessionMonitor->answered("/org/freedesktop/DBus", saver.name, "GetNameOwner") > 0;
+        });
     }
 
     static void setActive(BusPeer& peer, const Saver& saver, bool active) {
@@ -50,10 +48,9 @@ protected:
         startSystem();
         startSessionBus();
         savers = startSaver(saver, active);
-        sessionMonitor->pump();
-        const std::size_t known = timesOwnerTold(saver);
         startLinked();
-        ASSERT_TRUE(awaitOwnerKnown(saver, known));
+        // It asks the saver first; what the saver says after its answer reaches the agent after it.
+        ASSERT_TRUE(await([this] { return !savers->calls().empty(); }));
         ASSERT_TRUE(awaitSessionRead(ownSession));
         mark = agent->log().mark();
     }
