@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -156,10 +157,14 @@ TEST_F(TimeZone, NewRulesOfTheSameZoneAreFollowedWithoutAnEvent) {
     startLinked();
     ASSERT_TRUE(awaitSessionRead(ownSession));
     machine.timeZones().upgrade(utcZone, eastZone);
-    letItSettle();
-    EXPECT_EQ(daemon->events(), Messages());
+    ASSERT_TRUE(await([this] {
+        daemon->call("logLevel", "x", std::int64_t{1});
+        return minutesEastOf(agent->log().lines().back()) == eastZone.minutesEast;
+    }));
+    // Had it been an event, that would come first.
     logind->setLockedHint(ownSession, true);
     ASSERT_TRUE(daemon->awaitEvents(1));
+    EXPECT_EQ(daemon->events(), daemonSawLock);
     expectThatTheLastLinesStampIsIn(eastZone);
 }
 
