@@ -234,8 +234,8 @@ TEST_F(MountedTimeZone, OverTheDirectoryIsOneEventAndFollowedThere) {
     inAgentsNamespace({"mount", "--bind", other, "/etc"});
     ASSERT_TRUE(sees(1));
     expectThatTheLastLinesStampIsIn(westZone);
-    std::filesystem::remove(other + "/localtime");
-    std::filesystem::create_symlink(machine.timeZones().fileOf(eastZone), other + "/localtime");
+    std::filesystem::create_symlink(machine.timeZones().fileOf(eastZone), other + "/localtime.new");
+    std::filesystem::rename(other + "/localtime.new", other + "/localtime");
     ASSERT_TRUE(sees(2));
     inAgentsNamespace({"umount", "/etc"});
     ASSERT_TRUE(sees(3));
