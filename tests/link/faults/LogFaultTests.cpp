@@ -22,7 +22,12 @@ protected:
     /// One line in the log for each.
     void causeLines(std::int64_t from, std::int64_t to) {
         for (std::int64_t level = from; level < to; ++level) {
-            daemon->send("logLevel", "x", level);
+            if (level % 500 == 499) {
+                // A busy machine would let the answer to all of them wait for too long.
+                EXPECT_TRUE(daemon->call("logLevel", "x", level).ok());
+            } else {
+                daemon->send("logLevel", "x", level);
+            }
         }
         // What was sent before it has been dealt with.
         EXPECT_TRUE(daemon->call("logLevel", "x", to).ok());

@@ -134,7 +134,12 @@ TEST_F(DaemonCalls, InAFloodAllArriveInTheirOrder) {
     Messages expected;
     for (std::int64_t level = 0; level < count; ++level) {
         daemon->send("networkReachability", "b", 1);
-        daemon->send("logLevel", "x", level);
+        if (level % 500 == 499) {
+            // A busy machine would let the answer to all of them wait for too long.
+            EXPECT_TRUE(daemon->call("logLevel", "x", level).ok());
+        } else {
+            daemon->send("logLevel", "x", level);
+        }
         expected.push_back("xpc service: received log level: " + std::to_string(level));
     }
     EXPECT_EQ(linesBeforeTheLast(), expected);

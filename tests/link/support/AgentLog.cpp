@@ -1,6 +1,7 @@
 #include "link/support/AgentLog.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <ctime>
 #include <fstream>
@@ -9,6 +10,27 @@
 #include "link/support/Await.h"
 
 namespace link_tests {
+namespace {
+
+/// Waits until there are `wanted`. Gives up once no more have come for as long as any wait may take: a busy
+/// machine may need longer for thousands.
+bool awaitGrowth(std::size_t wanted, const std::function<std::size_t()>& count) {
+    using Clock = std::chrono::steady_clock;
+    std::size_t reached = 0;
+    auto deadline = Clock::now() + waitCap;
+    const auto isOver = [&] {
+        const std::size_t now = count();
+        if (now > reached) {
+            reached = now;
+            deadline = Clock::now() + waitCap;
+        }
+        return reached >= wanted || Clock::now() > deadline;
+    };
+    return await(isOver, std::chrono::hours(1)) && reached >= wanted;
+}
+
+}  // namespace
+
 const Messages& linesOfLock() {
     static const Messages lines{message::locked, message::status1, message::sendingStatus};
     return lines;
@@ -92,11 +114,11 @@ bool AgentLog::await(const std::string& message, std::size_t from) {
 }
 
 bool AgentLog::awaitCount(const std::string& message, std::size_t count, std::size_t from) {
-    return link_tests::await([&] { return this->count(message, from) >= count; });
+    return awaitGrowth(count, [&] { return this->count(message, from); });
 }
 
 bool AgentLog::awaitMessages(std::size_t count, std::size_t from) {
-    return link_tests::await([&] { return messages(from).size() >= count; });
+    return awaitGrowth(count, [&] { return messages(from).size(); });
 }
 
 Messages AgentLog::messages(std::size_t from) {

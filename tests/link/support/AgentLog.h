@@ -62,9 +62,10 @@ public:
     std::size_t mark() { return lines().size(); }
     /// Waits for a line with exactly this message at or after `from`.
     bool await(const std::string& message, std::size_t from = 0);
-    /// Waits until there are `count` such lines at or after `from`.
+    /// Waits until there are `count` such lines at or after `from`, as long as there are more and more.
     bool awaitCount(const std::string& message, std::size_t count, std::size_t from = 0);
-    /// Waits until the messages since `from`, without ticks, are at least `count`.
+    /// Waits until the messages since `from`, without ticks, are at least `count`, as long as there are more
+    /// and more.
     bool awaitMessages(std::size_t count, std::size_t from);
 
     std::size_t count(const std::string& message, std::size_t from = 0);
