@@ -12,6 +12,9 @@ namespace link_tests {
 /// A link that is up, something that goes wrong, and what must be true during it and afterwards.
 class FaultTest : public LinkTest {
 protected:
+    /// For what takes even a quick machine seconds.
+    static constexpr std::chrono::minutes patience{5};
+
     void startLinkedAndReady() {
         startSystem();
         startLinked();

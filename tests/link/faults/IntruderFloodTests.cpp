@@ -49,7 +49,7 @@ TEST_F(IntruderFlood, AHundredThousandCallsInARowAreRefusedInBoundedMemory) {
         }
     }
     // Refused after all of them.
-    EXPECT_EQ(intruder.call(target, "connected", "b", 1).error, accessDenied);
+    EXPECT_EQ(intruder.call(intruder.newCall(target, "connected", "b", 1), patience).error, accessDenied);
     EXPECT_LT(std::max(most, resourcesOf(agent->pid()).memory), before.memory + 64UL * 1024) << "KiB";
     expectUnharmed();
 }

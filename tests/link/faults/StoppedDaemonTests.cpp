@@ -89,8 +89,6 @@ protected:
     }
     std::size_t eventsTold() const { return story().size(); }
 
-    /// A rotation of the log comes in between.
-    static constexpr std::chrono::minutes patience{5};
     MateDesktop m_desktop{agentUser};
     std::unique_ptr<ChildProcess> m_standIn;
     std::size_t m_most = 0;
