@@ -207,6 +207,8 @@ TEST_F(Shutdown, ASecondSignalEndsATeardownThatHangs) {
     }
     ASSERT_TRUE(awaitThreadThatOpensAFile());
     agent->signal(SIGTERM);
+    // A second would be one with it until then.
+    ASSERT_TRUE(agent->awaitTaken(SIGTERM));
     EXPECT_FALSE(await([&] { return !agent->running(); }, std::chrono::milliseconds(1500)));
     agent->signal(SIGTERM);
     EXPECT_EQ(agent->awaitEnd(), "signal 15");

@@ -142,6 +142,12 @@ AgentProcess::AgentProcess(const PrivateMachine& machine, const AgentOptions& op
                                                });
 }
 
+bool AgentProcess::awaitTaken(int number) const {
+    const std::string status = "/proc/" + std::to_string(pid()) + "/status";
+    return await(
+        [&] { return (std::stoull(fieldOf(status, "ShdPnd:"), nullptr, 16) >> (number - 1) & 1) == 0; });
+}
+
 std::string AgentProcess::terminate() {
     signal(SIGTERM);
     return awaitEnd();

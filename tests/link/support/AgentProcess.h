@@ -54,6 +54,8 @@ public:
 
     bool running() { return m_process->running(); }
     void signal(int number) { m_process->signal(number); }
+    /// Waits until the agent has taken a signal that it blocks.
+    bool awaitTaken(int number) const;
     /// See ChildProcess::awaitEnd.
     std::string awaitEnd() { return m_process->awaitEnd(); }
     /// SIGTERM, then the end.
