@@ -104,8 +104,8 @@ TEST_F(SystemFault, AWallClockThatIsSetByHoursLeavesTheTicksASecondApart) {
     for (const char* offset : {"+5h", "-9h", "+0"}) {
         SCOPED_TRACE(offset);
         setWallClock(offset);
-        const std::size_t mark = agent->log().mark();
         const auto began = std::chrono::steady_clock::now();
+        const std::size_t mark = agent->log().mark();
         ASSERT_TRUE(agent->log().awaitCount(message::tick, 4, mark));
         // Three whole intervals and a part of one, however late the test looks.
         EXPECT_GE(std::chrono::steady_clock::now() - began, milliseconds(2900));
