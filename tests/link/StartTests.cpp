@@ -28,12 +28,14 @@ protected:
         ASSERT_TRUE(agent->log().await(message::connected));
         EXPECT_EQ(agent->log().count(line), 1U);
 
+        // A busy machine may have some more before the answer is acted upon.
+        ASSERT_TRUE(awaitEndOfTicks());
         const std::size_t asked = daemon->connects();
         pumpFor(milliseconds(3500));
         ASSERT_TRUE(agent->awaitWatchOfEtc());
         machine.timeZones().setByRename(eastZone);
         ASSERT_TRUE(daemon->awaitEvents(1));
-        // One may have been under way when the answer came.
+        // One may still have been on its way.
         EXPECT_LE(daemon->connects(), asked + 1);
     }
 };

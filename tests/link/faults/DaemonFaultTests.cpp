@@ -32,6 +32,7 @@ TEST_F(DaemonFault, OneThatAnswersLateAndTwiceIsLinkedAllTheSame) {
     EXPECT_TRUE(daemon->confirm().ok());
     EXPECT_TRUE(daemon->confirm().ok());
     awaitReady();
+    ASSERT_TRUE(awaitEndOfTicks());
     const std::size_t mark = agent->log().mark();
     expectThatAllWorks();
     pumpFor(milliseconds(2500));

@@ -2,8 +2,10 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <iostream>
 #include <stdexcept>
+#include <utility>
 
 #include "link/support/Await.h"
 
@@ -66,6 +68,19 @@ bool LinkTest::confirmLink(FakeDaemon& toConfirm) {
     const std::size_t known = agent->log().count(message::connected);
     return toConfirm.awaitConnects(toConfirm.connects() + 1) && toConfirm.confirm().ok() &&
            agent->log().awaitCount(message::connected, known + 1);
+}
+
+bool LinkTest::awaitEndOfTicks() {
+    using Clock = std::chrono::steady_clock;
+    std::size_t ticks = 0;
+    auto since = Clock::now();
+    return await([&] {
+        const std::size_t now = agent->log().count(message::tick);
+        if (std::exchange(ticks, now) != now) {
+            since = Clock::now();
+        }
+        return Clock::now() - since > std::chrono::milliseconds(1500);
+    });
 }
 
 bool LinkTest::awaitSessionRead(const std::string& id, std::size_t times) {

@@ -45,6 +45,8 @@ protected:
     void startLinked();
     /// Waits for the next `connect` and confirms it; true once the agent has taken note.
     bool confirmLink(FakeDaemon& toConfirm);
+    /// Waits until the agent has asked nobody for a link any more for longer than its interval.
+    bool awaitEndOfTicks();
     /// Waits until the agent has read the session's state at least `times` times.
     bool awaitSessionRead(const std::string& id, std::size_t times = 1);
     std::size_t sessionReads(const std::string& id) const;
