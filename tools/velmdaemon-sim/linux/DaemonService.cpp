@@ -144,7 +144,7 @@ void DaemonService::sendTheRest() {
     m_slots.clear();
     m_leaving.clear();
     using std::chrono::steady_clock;
-    const auto end = steady_clock::now() + std::chrono::seconds(5);
+    const auto end = steady_clock::now() + std::chrono::seconds(30);
     std::uint64_t unwritten = 0;
     while (sd_bus_get_n_queued_write(m_bus.get(), &unwritten) >= 0 && unwritten > 0 &&
            steady_clock::now() < end) {

@@ -29,7 +29,7 @@ public:
     ~DaemonService() = default;
 
     /// Once the loop has ended: sends what was still to be sent, for as long as the bus takes it, but waits
-    /// no longer than a few seconds for a bus that does not.
+    /// no longer than half a minute for a bus that does not.
     void sendTheRest();
 
 private:
