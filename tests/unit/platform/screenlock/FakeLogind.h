@@ -66,6 +66,7 @@ public:
     bool isLocked(const std::string& session) const { return m_sessions.at(session).locked; }
     /// What lockers have set hints to, in order.
     const std::vector<bool>& hintsSet() const { return m_hintsSet; }
+    void forgetHintsSet() { m_hintsSet.clear(); }
     int listsAsked() const { return m_listsAsked; }
     int sessionsAsked() const { return m_sessionsAsked; }
     int held() const { return static_cast<int>(m_held.size()); }
