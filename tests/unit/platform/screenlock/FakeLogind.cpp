@@ -20,6 +20,11 @@ void check(int result, const char* what) {
     }
 }
 
+std::string calledSession(sd_bus_message* call) {
+    const std::string path = sd_bus_message_get_path(call);
+    return path.substr(path.rfind('/') + 1);
+}
+
 }  // namespace
 
 platform::BusHandle connectTo(const std::string& address) {
@@ -93,7 +98,11 @@ int FakeLogind::called(sd_bus_message* call, sd_bus_error* /*error*/) {
     }
     m_asker = sd_bus_message_get_sender(call);
     const bool asksForList = sd_bus_message_is_method_call(call, managerInterface, "ListSessions") > 0;
-    ++(asksForList ? m_listsAsked : m_sessionsAsked);
+    if (asksForList) {
+        ++m_listsAsked;
+    } else {
+        m_sessionsAsked.push_back(calledSession(call));
+    }
     if (std::exchange(m_swallows, false)) {
         return 1;
     }
@@ -151,8 +160,7 @@ void FakeLogind::answerList(sd_bus_message* call) {
 }
 
 void FakeLogind::answerSession(sd_bus_message* call) {
-    const std::string called = sd_bus_message_get_path(call);
-    const auto found = m_sessions.find(called.substr(called.rfind('/') + 1));
+    const auto found = m_sessions.find(calledSession(call));
     if (found == m_sessions.end()) {
         sd_bus_reply_method_errorf(call, SD_BUS_ERROR_UNKNOWN_OBJECT, "no such session");
         return;

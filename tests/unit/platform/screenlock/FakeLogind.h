@@ -68,7 +68,9 @@ public:
     const std::vector<bool>& hintsSet() const { return m_hintsSet; }
     void forgetHintsSet() { m_hintsSet.clear(); }
     int listsAsked() const { return m_listsAsked; }
-    int sessionsAsked() const { return m_sessionsAsked; }
+    int sessionsAsked() const { return static_cast<int>(m_sessionsAsked.size()); }
+    /// The sessions that were asked for, in order.
+    const std::vector<std::string>& askedFor() const { return m_sessionsAsked; }
     int held() const { return static_cast<int>(m_held.size()); }
     /// The unique name of the one that asks.
     const std::string& asker() const { return m_asker; }
@@ -88,12 +90,12 @@ private:
     std::function<void(sd_bus_message*)> m_fill;
     std::string m_asker;
     std::vector<bool> m_hintsSet;
+    std::vector<std::string> m_sessionsAsked;
     bool m_holding = false;
     bool m_holdingLists = false;
     bool m_refusesList = false;
     bool m_swallows = false;
     int m_listsAsked = 0;
-    int m_sessionsAsked = 0;
 };
 
 /// A connection to the bus at `address`, already set up.
