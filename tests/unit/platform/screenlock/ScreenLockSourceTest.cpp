@@ -25,6 +25,7 @@ namespace {
 using link_tests::PrivateBus;
 using platform::ScreenLockSource;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::Matches;
 using Reports = std::vector<bool>;
@@ -116,6 +117,7 @@ protected:
         m_logind = std::make_unique<FakeLogind>(loop(), m_systemBus.address());
     }
     void startSource() {
+        m_started = std::chrono::steady_clock::now();
         m_source =
             std::make_unique<ScreenLockSource>(loop(), [this](bool locked) { m_reports.push_back(locked); });
     }
@@ -128,6 +130,11 @@ protected:
     }
     bool waitForQuestions(int count) {
         return runUntil([this, count] { return m_logind->sessionsAsked() >= count; });
+    }
+    /// How often a question can have been asked by now that is asked once, and again whenever no answer has
+    /// come for 3 s.
+    int mostAsked() const {
+        return 1 + static_cast<int>((std::chrono::steady_clock::now() - m_started) / std::chrono::seconds(3));
     }
     /// Returns when all was handled that logind has sent so far, and what that leads to was asked.
     bool waitUntilHandled() {
@@ -150,6 +157,7 @@ protected:
     PrivateBus m_sessionBus;
     std::unique_ptr<FakeLogind> m_logind;
     Reports m_reports;
+    std::chrono::steady_clock::time_point m_started;
     std::unique_ptr<ScreenLockSource> m_source;
 };
 
@@ -199,7 +207,7 @@ TEST_F(ScreenLockSourceTest, AsksForNoSessionOfAnother) {
     m_logind->add("o300", othersSession());
     m_logind->setHint("o300", true);
     lockAndUnlock();
-    EXPECT_EQ(m_logind->sessionsAsked(), 1);
+    EXPECT_THAT(m_logind->askedFor(), Each("s1"));
 }
 
 TEST_F(ScreenLockSourceTest, FollowsASessionFromWhenItsClassCanBeLocked) {
@@ -407,7 +415,7 @@ TEST_F(ScreenLockSourceTest, IgnoresForgedSessions) {
     roundTrip(forger.get());
     lockAndUnlock();
     EXPECT_THAT(m_reports, ElementsAre(true, false));
-    EXPECT_EQ(m_logind->sessionsAsked(), 1);
+    EXPECT_LE(m_logind->sessionsAsked(), mostAsked());
 }
 
 TEST_F(ScreenLockSourceTest, IgnoresAForgedOwner) {
@@ -422,7 +430,7 @@ TEST_F(ScreenLockSourceTest, IgnoresAForgedOwner) {
     roundTrip(forger.get());
     lockAndUnlock();
     EXPECT_THAT(m_reports, ElementsAre(true, false));
-    EXPECT_EQ(m_logind->listsAsked(), 1);
+    EXPECT_LE(m_logind->listsAsked(), mostAsked());
 }
 
 TEST_F(ScreenLockSourceTest, IgnoresMalformedSignals) {
@@ -513,7 +521,8 @@ TEST_F(ScreenLockSourceTest, AsksAgainForAListThatNeverCame) {
     m_logind->swallowQuestion();
     startSource();
     ASSERT_TRUE(waitForQuestions(1));
-    EXPECT_EQ(m_logind->listsAsked(), 2);
+    EXPECT_GE(m_logind->listsAsked(), 2);
+    EXPECT_LE(m_logind->listsAsked(), mostAsked());
     lockAndUnlock();
     EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
@@ -528,7 +537,8 @@ TEST_F(ScreenLockSourceTest, AsksAgainForASessionThatItWasToldNothingOf) {
     // What happens meanwhile is told when the answer comes.
     m_logind->setHint("s1", true);
     ASSERT_TRUE(waitForReports(1));
-    EXPECT_EQ(m_logind->sessionsAsked(), 2);
+    EXPECT_GE(m_logind->sessionsAsked(), 2);
+    EXPECT_LE(m_logind->sessionsAsked(), mostAsked());
     m_logind->setHint("s1", false);
     ASSERT_TRUE(waitForReports(2));
     EXPECT_THAT(m_reports, ElementsAre(true, false));
