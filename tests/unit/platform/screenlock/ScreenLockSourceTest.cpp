@@ -615,6 +615,11 @@ protected:
     bool waitUntilAsked() {
         return runUntil([this] { return m_saver->asked() > 0; });
     }
+    /// Returns when the answer that the saver gave was handled: whoever comes now is asked after that.
+    bool waitUntilAnswered() {
+        const FakeSaver next(loop(), m_sessionBus.address(), "org.xfce.ScreenSaver", false);
+        return runUntil([&next] { return next.asked() > 0; });
+    }
     /// One own session with a saver that is not active, and is known.
     bool startWithSaverInOneSession() {
         m_sessionBus.start();
@@ -629,6 +634,25 @@ protected:
         }
         m_logind->add("ssh", ownRemoteSession());
         return waitForQuestions(2);
+    }
+
+    /// Has the saver vanish and come back active, again if it was away so long that it had to be taken for
+    /// gone; forgets the reports before.
+    bool comesBackInTime() {
+        constexpr int attempts = 10;
+        for (int attempt = 0; attempt < attempts; ++attempt) {
+            m_reports.clear();
+            const auto gone = std::chrono::steady_clock::now();
+            m_saver.reset();
+            startSaver("org.mate.ScreenSaver", true);
+            if (!waitUntilAsked() || !waitUntilAnswered()) {
+                return false;
+            }
+            if (std::chrono::steady_clock::now() - gone < std::chrono::seconds(2)) {
+                return true;
+            }
+        }
+        return false;
     }
 
     std::unique_ptr<FakeSaver> m_saver;
@@ -731,13 +755,11 @@ TEST_F(ScreenSaverTest, IsStillLockedWhenItIsBackInTime) {
     ASSERT_TRUE(startWithSaverInOneSession());
     m_saver->setActive(true);
     ASSERT_TRUE(waitForReports(1));
-    m_saver.reset();
-    startSaver("org.mate.ScreenSaver", true);
-    ASSERT_TRUE(waitUntilAsked());
+    ASSERT_TRUE(comesBackInTime());
     runFor(std::chrono::milliseconds(2500));
-    EXPECT_THAT(m_reports, ElementsAre(true));
+    EXPECT_THAT(m_reports, ElementsAre());
     m_saver->setActive(false);
-    EXPECT_TRUE(waitForReports(2));
+    EXPECT_TRUE(waitForReports(1));
 }
 
 TEST_F(ScreenSaverTest, IsNotListenedToWhileASessionLivesThatHasSetItsHint) {
