@@ -399,9 +399,8 @@ TEST_F(ScreenLockSourceTest, IgnoresForgedHints) {
     emitTo(forger.get(), m_logind->asker(), FakeLogind::path("s2"), "org.freedesktop.DBus.Properties",
            "PropertiesChanged", "sa{sv}as", "org.freedesktop.login1.Session", 1, "LockedHint", "b", 1, 0);
     roundTrip(forger.get());
-    // Were "s2" taken for locked, the edges of "s1" would not show.
-    lockAndUnlock();
-    EXPECT_THAT(m_reports, ElementsAre(true, false));
+    ASSERT_TRUE(waitUntilHandled());
+    EXPECT_THAT(m_reports, ElementsAre());
 }
 
 TEST_F(ScreenLockSourceTest, IgnoresForgedSessions) {
