@@ -101,7 +101,7 @@ public:
 
     // Waits for the next call of the daemon; its member, and the length of its data if it has data.
     std::string awaitCall() {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
         while (m_calls.empty()) {
             if (std::chrono::steady_clock::now() > deadline) {
                 ADD_FAILURE() << "no call of the daemon";
