@@ -17,14 +17,18 @@ protected:
 
     sd_event* loop() const { return m_loop.get(); }
 
-    /// Runs the loop until `condition` holds; false if it does not within 20 s.
+    /// Runs the loop until `condition` holds; false if it does not within 20 s and some turns more: they may
+    /// have passed while the whole process was held up.
     bool runUntil(const std::function<bool()>& condition) const {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!condition() && std::chrono::steady_clock::now() < deadline) {
+        for (int turnsLeft = 100; !condition();) {
+            if (std::chrono::steady_clock::now() > deadline && turnsLeft-- == 0) {
+                return false;
+            }
             constexpr std::uint64_t tenMilliseconds = 10000;
             sd_event_run(loop(), tenMilliseconds);
         }
-        return condition();
+        return true;
     }
 
     /// Runs the loop for at least `time`, for things that must not happen in it.
