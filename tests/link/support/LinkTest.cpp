@@ -87,6 +87,12 @@ bool LinkTest::awaitSessionRead(const std::string& id, std::size_t times) {
     return await([&] { return sessionReads(id) >= times; });
 }
 
+void LinkTest::expectLossesASecondApart(const char* loss, std::chrono::steady_clock::time_point start) {
+    const std::size_t losses = agent->log().count(loss);
+    const std::chrono::duration<double> span = std::chrono::steady_clock::now() - start;
+    EXPECT_LE(static_cast<double>(losses), span.count() + 1.0);
+}
+
 std::size_t LinkTest::sessionReads(const std::string& id) const {
     return monitor->answered(MockLogind::pathOf(id), "org.freedesktop.login1.Session", "GetAll");
 }

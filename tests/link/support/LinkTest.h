@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -49,6 +50,9 @@ protected:
     bool awaitEndOfTicks();
     /// Waits until the agent has read the session's state at least `times` times.
     bool awaitSessionRead(const std::string& id, std::size_t times = 1);
+    /// No more losses are in the log than fit into the time since `start`, which was before the first, if
+    /// they are a second apart. Their lines may be closer: each is written some time after its report.
+    void expectLossesASecondApart(const char* loss, std::chrono::steady_clock::time_point start);
     std::size_t sessionReads(const std::string& id) const;
 
     static constexpr const char* ownSession = "31";
