@@ -38,6 +38,11 @@ public:
         // Its number is free as soon as the reference is gone, even while the close still blocks.
         EXPECT_TRUE(await([&] { return ::fcntl(descriptor, F_GETFD) < 0; }));
     }
+    /// As `letGo`, for a message that its receiver has yet to take: the last reference is in it then.
+    void letGoFirst() {
+        letGo();
+        m_ownClose.join();
+    }
     /// Frees everyone.
     void release() {
         m_socket.release();
@@ -87,7 +92,7 @@ TEST_F(EnclosedDescriptor, HoldsUpAProgramThatAcceptsIt) {
     const TrustingReceiver receiver(bus.address());
     DescriptorSender sender(bus);
     sender.sendTo(receiver.uniqueName());
-    sender.letGo();
+    sender.letGoFirst();
     // The control of the tests below: this attack bites.
     auto processed = std::async(std::launch::async, [&] { receiver.process(); });
     EXPECT_EQ(processed.wait_for(std::chrono::seconds(2)), std::future_status::timeout);
