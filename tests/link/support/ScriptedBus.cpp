@@ -31,9 +31,16 @@ std::size_t ScriptedBus::awaitQuestion(const std::string& text, std::size_t time
 void ScriptedBus::answerWithError(std::size_t place, const char* error) {
     const sd_bus_error content{error, "as the test wants it", 0};
     sd_bus_message* reply = nullptr;
-    check(sd_bus_message_new_method_error(m_questions.at(place).message.get(), &reply, &content),
-          "new error");
+    Question& question = m_questions.at(place);
+    check(sd_bus_message_new_method_error(question.message.get(), &reply, &content), "new error");
     sendFrom(busName, MessageHandle(reply), "");
+    question.answered = true;
+}
+
+void ScriptedBus::answerAllWithError(const std::string& text, const char* error) {
+    for (const std::size_t place : unanswered(text)) {
+        answerWithError(place, error);
+    }
 }
 
 void ScriptedBus::nameOwnerChanged(const char* name, const char* before, const char* after) {
@@ -42,6 +49,16 @@ void ScriptedBus::nameOwnerChanged(const char* name, const char* before, const c
                                     "NameOwnerChanged"),
           "new signal");
     sendFrom(busName, MessageHandle(signal), "sss", name, before, after);
+}
+
+std::vector<std::size_t> ScriptedBus::unanswered(const std::string& text) const {
+    std::vector<std::size_t> places;
+    for (std::size_t place = 0; place < m_questions.size(); ++place) {
+        if (!m_questions[place].answered && m_questions[place].text == text) {
+            places.push_back(place);
+        }
+    }
+    return places;
 }
 
 void ScriptedBus::pump() {

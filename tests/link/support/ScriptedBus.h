@@ -22,6 +22,7 @@ public:
     struct Question {
         std::string text;
         MessageHandle message;
+        bool answered = false;
     };
     /// How many calls came whose text begins like this.
     std::size_t count(const std::string& text) const;
@@ -33,10 +34,23 @@ public:
     template <typename... Arguments>
     void answer(std::size_t place, const char* types, Arguments... arguments) {
         sd_bus_message* reply = nullptr;
-        check(sd_bus_message_new_method_return(m_questions.at(place).message.get(), &reply), "new reply");
+        Question& question = m_questions.at(place);
+        check(sd_bus_message_new_method_return(question.message.get(), &reply), "new reply");
         sendFrom(busName, MessageHandle(reply), types, arguments...);
+        question.answered = true;
     }
     void answerWithError(std::size_t place, const char* error);
+    /// Answers all calls with this text that have no answer yet; false if there are none.
+    template <typename... Arguments>
+    bool answerAll(const std::string& text, const char* types, Arguments... arguments) {
+        const std::vector<std::size_t> places = unanswered(text);
+        for (const std::size_t place : places) {
+            answer(place, types, arguments...);
+        }
+        return !places.empty();
+    }
+    /// The same with an error.
+    void answerAllWithError(const std::string& text, const char* error);
     /// Does not answer Hello either, from here on.
     void leaveHelloUnanswered() { m_answersHello = false; }
 
@@ -82,6 +96,7 @@ private:
         // Who has hung up misses it.
         sd_bus_send(m_connection.get(), message.get(), &cookie);
     }
+    std::vector<std::size_t> unanswered(const std::string& text) const;
     void serve(int socket);
     int received(sd_bus_message* message, sd_bus_error* error);
     void answerByItself(std::size_t place, const char* member);
