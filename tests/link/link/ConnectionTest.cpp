@@ -37,7 +37,6 @@ using link_tests::Losses;
 using link_tests::MessageHandle;
 using link_tests::PrivateBus;
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 constexpr uid_t nobody = 65534;
@@ -73,15 +72,12 @@ protected:
         return daemon;
     }
 
-    /// Has the connection send, and returns where the daemon reaches the agent.
+    /// Has the connection send, and returns where the daemon reaches the agent. The connection must be new or
+    /// know the daemon: what it sends while it knows of none is lost.
     BusTarget linkUp(platform::IXpcConnection& connection, BusPeer& daemon) {
         const std::size_t before = daemon.calls().size();
-        bool arrived = false;
-        // As the agent does: what is sent before the bus has told of the daemon is lost.
-        for (int attempt = 0; attempt < 20 && !arrived; ++attempt) {
-            connection.remoteObjectProxy()->connect();
-            arrived = await([&] { return daemon.calls().size() > before; }, seconds(1));
-        }
+        connection.remoteObjectProxy()->connect();
+        const bool arrived = await([&] { return daemon.calls().size() > before; });
         EXPECT_TRUE(arrived);
         return agentAt(arrived ? daemon.calls().back().sender : "");
     }
@@ -429,6 +425,7 @@ TEST_F(ConnectionOnABus, AnOwnerThatLeavesBeforeAnythingWasSentIsNoLoss) {
     // loss.
     EXPECT_FALSE(observer.call(target, "connected", "b", 1).ok());
     auto second = newDaemon();
+    awaitKnown(*second, target);
     linkUp(*connection, *second);
     EXPECT_EQ(losses->all(), 0);
     second->disconnect();
@@ -521,7 +518,7 @@ TEST_F(ConnectionOnABus, WhatWasSentRightBeforeItsReleaseStillGoesOut) {
         const std::size_t before = daemon->calls().size();
         connection->remoteObjectProxy()->onScreenLocked(true);
         connection.reset();
-        ASSERT_TRUE(await([&] { return daemon->calls().size() > before; }, std::chrono::seconds(15)));
+        ASSERT_TRUE(await([&] { return daemon->calls().size() > before; }));
         EXPECT_EQ(daemon->calls().back().text, "onScreenLocked true");
     }
 }
