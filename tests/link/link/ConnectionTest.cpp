@@ -317,6 +317,8 @@ TEST_F(ConnectionOnABus, KeepsCallsThatComeBeforeTheBusSaidWhoRunsTheDaemon) {
     connection->remoteObjectProxy()->connect();
     BusPeer daemon(bus.address(), 0);
     const BusTarget target = agentAt(nameOfAgent(daemon));
+    // The refusal comes in its turn, so the bus has been told to report changes of the name.
+    EXPECT_EQ(daemon.call(target, "connected", "b", 1).error, "org.freedesktop.DBus.Error.AccessDenied");
     // In one go, so that the bus passes the call on before it can answer the agent's question about its
     // sender.
     daemon.send(link_tests::busDriver, "RequestName", "su", "com.brovik.velmdaemon", 0U);
