@@ -401,6 +401,9 @@ TEST_F(ScreenLockSourceTest, IgnoresForgedHints) {
     roundTrip(forger.get());
     ASSERT_TRUE(waitUntilHandled());
     EXPECT_THAT(m_reports, ElementsAre());
+    // Were "s2" taken for locked, the edges of "s1" would not show.
+    lockAndUnlock();
+    EXPECT_THAT(m_reports, ElementsAre(true, false));
 }
 
 TEST_F(ScreenLockSourceTest, IgnoresForgedSessions) {
